@@ -1,0 +1,63 @@
+# What every target of this project is built with. Nothing here reaches a consumer's targets.
+include(GenerateExportHeader)
+
+option(ZEL_STRICT "Treat warnings as errors (set by the project's own presets)" OFF)
+mark_as_advanced(ZEL_STRICT)
+
+# zel_target_defaults(TARGET): moc, Qt's strict definitions, warnings.
+function(zel_target_defaults target)
+    set_target_properties(${target} PROPERTIES AUTOMOC ON CXX_EXTENSIONS OFF)
+    target_compile_features(${target} PRIVATE cxx_std_20)
+    target_compile_definitions(${target} PRIVATE QT_NO_KEYWORDS QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+        target_compile_options(${target} PRIVATE
+            -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual)
+        if(ZEL_STRICT)
+            target_compile_options(${target} PRIVATE -Werror)
+        endif()
+    endif()
+endfunction()
+
+# zel_add_library(TARGET NAME <name> FOLDER <folder> EXPORT_BASE <base> SOURCES ... HEADERS ...)
+#
+#   NAME         what users link: zel::<name>
+#   FOLDER       what users include: <zel/<folder>/Header.h>, inside the build tree through generated forwarders
+#   EXPORT_BASE  prefix of the export macros: <base>_EXPORT
+#   HEADERS      the public headers
+function(zel_add_library target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "NAME;FOLDER;EXPORT_BASE" "SOURCES;HEADERS")
+
+    add_library(${target} ${arg_SOURCES} ${arg_HEADERS})
+    add_library(zel::${arg_NAME} ALIAS ${target})
+    zel_target_defaults(${target})
+    target_compile_features(${target} PUBLIC cxx_std_20)
+    # Release builds keep file, line and function of a log message.
+    target_compile_definitions(${target} PRIVATE QT_MESSAGELOGCONTEXT)
+    set_target_properties(${target} PROPERTIES
+        EXPORT_NAME ${arg_NAME}
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR}
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON
+        POSITION_INDEPENDENT_CODE ON)
+
+    set(include_root ${PROJECT_BINARY_DIR}/include)
+    set(include_folder ${include_root}/zel/${arg_FOLDER})
+    string(TOLOWER ${arg_EXPORT_BASE} export_file)
+    generate_export_header(${target}
+        BASE_NAME ${arg_EXPORT_BASE}
+        EXPORT_FILE_NAME ${include_folder}/${export_file}_export.h)
+    if(NOT BUILD_SHARED_LIBS)
+        target_compile_definitions(${target} PUBLIC ${arg_EXPORT_BASE}_STATIC_DEFINE)
+    endif()
+
+    foreach(header IN LISTS arg_HEADERS)
+        get_filename_component(name ${header} NAME)
+        file(CONFIGURE
+            OUTPUT ${include_folder}/${name}
+            CONTENT "#include \"${CMAKE_CURRENT_SOURCE_DIR}/${header}\"\n")
+    endforeach()
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${include_root}>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+endfunction()

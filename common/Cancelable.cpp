@@ -1,0 +1,7 @@
+#include <zel/common/Cancelable.h>
+
+namespace zel {
+
+Cancelable::~Cancelable() = default;
+
+} // namespace zel

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <zel/common/Cancelable.h>
+#include <zel/common/Error.h>
+#include <zel/common/zel_common_export.h>
+
+#include <QObject>
+
+#include <memory>
+
+namespace zel {
+
+/**
+ * A QObject with a current error and a canceled status.
+ *
+ * Threads: no lock; use it from one thread at a time.
+ */
+class ZEL_COMMON_EXPORT ErrorCancelable : public QObject, public Cancelable {
+    Q_OBJECT
+public:
+    explicit ErrorCancelable(QObject *parent = nullptr);
+    ~ErrorCancelable() override;
+
+    /// A copy of the current error; Error() in a new object.
+    Error error() const;
+    /// Whether the current error is one.
+    bool hasError() const;
+    /**
+     * Makes \a error the current error and emits errorChanged(), also when it equals the present one.
+     *
+     * A Canceled error makes the object count as canceled, a value without error ends that; any other error leaves
+     * the status alone.
+     */
+    void setError(const Error &error);
+
+    /**
+     * Whether the object counts as canceled.
+     *
+     * True after setCanceled(true), after canceled() was emitted and after setError() with a Canceled error; false
+     * after setCanceled(false) and after setError() with a value that carries no error.
+     */
+    bool isCanceled() const override;
+    void setCanceled(bool canceled) override;
+
+Q_SIGNALS:
+    /// There is a new current error, from setError(). The handler may delete the object.
+    void errorChanged(const Error &error);
+    /// The object was canceled. The handler may delete the object.
+    void canceled();
+
+private:
+    class Private;
+    std::unique_ptr<Private> d;
+};
+
+} // namespace zel

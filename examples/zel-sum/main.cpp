@@ -1,0 +1,53 @@
+#include "ChecksumList.h"
+#include "FolderWalk.h"
+#include "Options.h"
+#include "Output.h"
+#include "StopSignal.h"
+#include "SumRun.h"
+
+#include <QCoreApplication>
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+constexpr int interruptedStatus = 130;
+
+std::unique_ptr<Source> sourceFor(const Options &options)
+{
+    if (!options.list)
+        return std::make_unique<FolderWalk>(options.paths);
+    const qsizetype hexLength = 2 * QCryptographicHash::hashLength(options.algorithm);
+    return std::make_unique<ChecksumList>(*options.list, hexLength);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    int exitStatus = 0;
+    const auto options = parseOptions(argc, argv, exitStatus);
+    if (!options)
+        return exitStatus;
+
+    // A reader that is gone shows as an error of the write.
+    std::signal(SIGPIPE, SIG_IGN);
+    const QCoreApplication application(argc, argv);
+    const StopSignal stopSignal;
+    Output output(STDOUT_FILENO, stopSignal.descriptor());
+    Output errorOutput(STDERR_FILENO, stopSignal.descriptor());
+    SumRun run(*options, sourceFor(*options), output, errorOutput);
+    QObject::connect(&stopSignal, &StopSignal::received, &run, [&run] { run.stop(interruptedStatus); });
+    QObject::connect(&run, &SumRun::finished, &application, &QCoreApplication::exit);
+
+    run.start();
+    exitStatus = application.exec();
+    // Work may stand in a read that the system does not give back; it must not see the end of main().
+    if (run.isStopped())
+        std::_Exit(exitStatus);
+    return exitStatus;
+}

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <zel/tasks/BaseTask.h>
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QVariant>
+
+#include <optional>
+
+namespace zel {
+
+/// A child of the task, so that it moves to other threads with it; deleted by the task's destructor.
+class Q_DECL_HIDDEN BaseTask::Private : public QObject {
+    Q_OBJECT
+public:
+    explicit Private(BaseTask *task);
+    ~Private() override;
+
+    static Private *of(const BaseTask *task) { return task->d.get(); }
+
+    /// The number that a run has which is set running now.
+    quint64 nextRun() const;
+    /// Whether finish() is at work on the present run.
+    bool isEnding() const;
+    /// Whether the task is Finished by finish(), which emits finished() next or has done so.
+    bool announcesEnd() const;
+
+    bool refusesSource(const BaseTask *source) const;
+    void postDeletion();
+    Error wait(Qt::ConnectionType wakeUp, int msec) const;
+    /// What whoever waits gets when the task is destroyed first.
+    static Error destroyedError();
+
+    BaseTask *const q;
+    QPointer<TasksQueue> queue;
+    /// Written by setState() alone; atomically, because work on another thread reads it.
+    State state = Idle;
+    State previousState = Idle;
+    /// What resume() returns to: the state that was left for Paused.
+    State pausedState = Idle;
+    QVariant result;
+    QString name;
+    QString progressText;
+    int currentProgress = 0;
+    int totalProgress = 0;
+    bool deleteOnFinished = false;
+    WaitMode waitMode = ProcessAllEvents;
+    /// Tells runs apart: changes when a run begins, when it ends, and when the task is no longer Finished.
+    quint64 run = 0;
+    /// The run that finish() is at work on.
+    std::optional<quint64> endingRun;
+    /// The tasks that this one is bound to.
+    QList<QPointer<const BaseTask>> sources;
+
+Q_SIGNALS:
+    /// Before the public finished(): wakes the blocking waits.
+    void finished();
+    void resultChanged(const QVariant &result);
+};
+
+} // namespace zel

@@ -1,0 +1,224 @@
+#include <zel/tasks/ComplexTask.h>
+
+#include "BaseTask_p.h"
+#include "GroupTask_p.h"
+#include "TasksLog.h"
+#include "TasksQueueHold.h"
+
+#include <zel/tasks/TasksQueue.h>
+
+#include <QPointer>
+
+#include <utility>
+
+namespace zel {
+
+class Q_DECL_HIDDEN ComplexTask::Private {
+public:
+    /// A subtask to be started, in the run that it was in when the group admitted it.
+    struct Admitted {
+        QPointer<Task> task;
+        quint64 run;
+
+        bool isToBeStarted() const { return task && BaseTask::Private::of(task)->run == run; }
+    };
+
+    explicit Private(ComplexTask *task) : q(task) { }
+
+    void setupGroupTask(GroupTask *group);
+    void onGroupFinished(const GroupTask *group, quint64 run);
+    void connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure);
+    QList<Admitted> admit(const QList<Task *> &tasks);
+    static void startDirectly(const QList<Admitted> &subtasks);
+    void startThroughQueue(const QList<Admitted> &subtasks);
+
+    QPointer<GroupTask> groupTask;
+    ComplexTask *const q;
+};
+
+void ComplexTask::Private::setupGroupTask(GroupTask *group)
+{
+    groupTask = group;
+    group->setCancelSubtasksMode(GroupTask::CancelSubtasks);
+    // Posted with the run in which the group ended, so that no later run is ended by it.
+    connect(
+        group, &GroupTask::finished, q,
+        [this, group] {
+            const quint64 run = BaseTask::Private::of(q)->run;
+            QMetaObject::invokeMethod(
+                q, [this, ended = QPointer<GroupTask>(group), run] { onGroupFinished(ended, run); },
+                Qt::QueuedConnection);
+        },
+        Qt::DirectConnection);
+}
+
+void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 run)
+{
+    if (group && group == groupTask && BaseTask::Private::of(q)->run == run)
+        q->finish(group->error());
+}
+
+void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess,
+                                                   std::function<void()> onFailure)
+{
+    if (!onSuccess && !onFailure)
+        return;
+    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread.
+    connect(
+        task, &Task::finished, q,
+        [this, task, onSuccess, onFailure] {
+            const auto &callback = task->isSuccessful() ? onSuccess : onFailure;
+            if (callback)
+                QMetaObject::invokeMethod(q, callback, Qt::AutoConnection);
+        },
+        Qt::DirectConnection);
+}
+
+QList<ComplexTask::Private::Admitted> ComplexTask::Private::admit(const QList<Task *> &tasks)
+{
+    const QPointer<ComplexTask> self(q);
+    const QList<QPointer<Task>> guarded(tasks.cbegin(), tasks.cend());
+    QList<Admitted> admitted;
+    for (const QPointer<Task> &task : guarded) {
+        if (!self || !task)
+            continue;
+        groupTask->append(task);
+        if (self && task && GroupTask::Private::of(groupTask)->lists(task))
+            admitted.append({task, BaseTask::Private::of(task)->run});
+    }
+    return admitted;
+}
+
+// One that was stopped meanwhile, because another failed, is not started again.
+void ComplexTask::Private::startDirectly(const QList<Admitted> &subtasks)
+{
+    for (const Admitted &subtask : subtasks) {
+        if (subtask.isToBeStarted())
+            subtask.task->exec();
+    }
+}
+
+void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks)
+{
+    const QPointer<TasksQueue> queue(q->queue());
+    QList<Admitted> complexTasks;
+    QList<Admitted> others;
+    QList<Task *> appended;
+    for (const Admitted &subtask : subtasks) {
+        if (qobject_cast<ComplexTask *>(subtask.task)) {
+            complexTasks.append(subtask);
+        } else if (subtask.isToBeStarted()) {
+            others.append(subtask);
+            appended.append(subtask.task);
+        }
+    }
+    queue->append(appended);
+    for (const Admitted &subtask : std::as_const(others)) {
+        // Refused: nobody would ever start it, and the group would wait for it for ever.
+        if (subtask.isToBeStarted() && subtask.task->isIdle() && !TasksQueueHold::isInQueue(subtask.task))
+            subtask.task->finish(Error(GeneralError, ComplexTask::tr("The queue did not take the task.")));
+    }
+    for (const Admitted &subtask : std::as_const(complexTasks)) {
+        if (subtask.task)
+            subtask.task->setQueue(queue);
+    }
+    startDirectly(complexTasks);
+}
+
+ComplexTask::ComplexTask(const QString &name, QObject *parent) : Task(parent), d(std::make_unique<Private>(this))
+{
+    d->setupGroupTask(new GroupTask(this));
+    ComplexTask::setName(name);
+    setCountAsRunning(false);
+}
+
+ComplexTask::ComplexTask(QObject *parent) : ComplexTask(QString(), parent) { }
+
+ComplexTask::~ComplexTask()
+{
+    // The work may be using the group.
+    stopWorkingThread();
+    delete d->groupTask;
+}
+
+void ComplexTask::setName(const QString &name)
+{
+    BaseTask::setName(name);
+    if (d->groupTask)
+        d->groupTask->setName(name + QLatin1String(":GroupTask"));
+}
+
+void ComplexTask::exec()
+{
+    const QPointer<ComplexTask> self(this);
+    if (isFinished())
+        GroupTask::Private::of(d->groupTask)->startAfresh();
+    if (self)
+        d->groupTask->setWaitMode(waitMode());
+    if (self)
+        Task::exec();
+}
+
+void ComplexTask::cancel()
+{
+    const QPointer<ComplexTask> self(this);
+    d->groupTask->cancel();
+    if (self)
+        BaseTask::cancel();
+}
+
+GroupTask *ComplexTask::groupTask() const
+{
+    return d->groupTask;
+}
+
+void ComplexTask::setGroupTask(GroupTask *group)
+{
+    if (!group || group == d->groupTask)
+        return;
+    const QPointer<GroupTask> replaced = d->groupTask;
+    d->setupGroupTask(group);
+    delete replaced;
+}
+
+void ComplexTask::appendSubtask(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure)
+{
+    if (!task)
+        return;
+    d->connectSubtaskCallbacks(task, std::move(onSuccess), std::move(onFailure));
+    d->groupTask->append(task);
+}
+
+void ComplexTask::execSubtask(Task *task)
+{
+    execSubtasks({task});
+}
+
+void ComplexTask::execSubtask(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure)
+{
+    if (!task)
+        return;
+    d->connectSubtaskCallbacks(task, std::move(onSuccess), std::move(onFailure));
+    execSubtask(task);
+}
+
+void ComplexTask::execSubtasks(const QList<Task *> &tasks)
+{
+    if (isFinished())
+        return;
+    const QPointer<ComplexTask> self(this);
+    const QList<Private::Admitted> admitted = d->admit(tasks);
+    if (!self)
+        return;
+    if (queue())
+        d->startThroughQueue(admitted);
+    else
+        Private::startDirectly(admitted);
+}
+
+GroupTask::WaitMode ComplexTask::waitMode() const
+{
+    return GroupTask::NoWait;
+}
+
+} // namespace zel

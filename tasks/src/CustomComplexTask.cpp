@@ -1,0 +1,43 @@
+#include <zel/tasks/CustomComplexTask.h>
+
+#include "GroupTask_p.h"
+
+#include <QPointer>
+
+namespace zel {
+
+CustomComplexTask::CustomComplexTask(const QString &name, QObject *parent) : ComplexTask(name, parent)
+{
+    setExecutionMode(Asynchronous);
+}
+
+CustomComplexTask::CustomComplexTask(QObject *parent) : CustomComplexTask(QString(), parent) { }
+
+CustomComplexTask::~CustomComplexTask() = default;
+
+Error CustomComplexTask::doExec()
+{
+    const QPointer<CustomComplexTask> self(this);
+    const QPointer<GroupTask> group = groupTask();
+    const quint64 admissions = GroupTask::Private::of(group)->admissions;
+    const Error error = doExecSubtasks();
+    // Nobody would ever end a group to which nothing came.
+    if (self && !error.hasError() && group == groupTask() && GroupTask::Private::of(group)->admissions == admissions)
+        finish(NoError);
+    return error;
+}
+
+GroupTask::WaitMode CustomComplexTask::waitMode() const
+{
+    return GroupTask::WaitAll;
+}
+
+void CustomComplexTask::setSubtaskPriority(Task *subtask)
+{
+    if (!subtask)
+        return;
+    subtask->setPriority(priority());
+    connect(this, &Task::priorityChanged, subtask, &Task::setPriority);
+}
+
+} // namespace zel

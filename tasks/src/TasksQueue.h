@@ -1,0 +1,162 @@
+#pragma once
+
+#include <zel/common/Error.h>
+#include <zel/tasks/Task.h>
+#include <zel/tasks/zel_tasks_export.h>
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+namespace zel {
+
+/**
+ * Keeps pending tasks by priority and starts them while fewer than a limit are running.
+ *
+ * Smaller priority numbers go first; within one priority, first in, first out. A pending task that is not idle when
+ * its turn comes, because it was paused or started elsewhere, is passed over and keeps its place. A task is in at most
+ * one queue: a queue that takes it takes it away from another that holds it.
+ *
+ * Ownership: owns no task; hands finished ones to deleteLater() only in the mode DeleteFinished.
+ * Threads:   operations may be called from any thread. With the default connection type the queue reacts to its tasks
+ *            in the thread that constructed it. Task::exec() is called in the thread that dispatches, and never while
+ *            the queue's lock is held; clear() holds the lock while it finishes or cancels tasks.
+ * Handlers:  may do anything to tasks and queue, deleting them included.
+ * Errors:    none returned; a refused task is a warning in "zel.tasks".
+ */
+class ZEL_TASKS_EXPORT TasksQueue : public QObject {
+    Q_OBJECT
+public:
+    enum State : int {
+        Idle = 0,    ///< nothing is being dispatched
+        Working = 1, ///< pending tasks are started
+        Paused = 2,  ///< nothing is started, running tasks go on
+    };
+
+    enum EnqueueMode : int {
+        Append = 0,  ///< behind the tasks of the same priority; also any other value
+        Prepend = 1, ///< before the tasks of the same priority
+    };
+
+    /// What becomes of tasks that clear() takes out.
+    enum ClearPolicy : int {
+        Remove = 0, ///< nothing; also any other value
+        Finish = 1, ///< they are finished with the given error
+        Cancel = 2, ///< they are canceled
+    };
+
+    enum CleanupMode : int {
+        DeleteFinished = 0, ///< a finished task is handed to deleteLater()
+        KeepFinished = 1,   ///< finished tasks are left alone (default)
+    };
+
+    enum TaskErrorPolicy : int {
+        ContinueOnError = 0, ///< a failed task is treated like any finished one (default)
+        ClearOnError = 1,    ///< a failed task empties the queue, as clear(Remove) does
+    };
+
+    explicit TasksQueue(QObject *parent = nullptr);
+    /// Lets go of all tasks; they are neither finished nor deleted, running ones go on.
+    ~TasksQueue() override;
+
+    /// The name that log lines show.
+    QString name() const;
+    void setName(const QString &name);
+
+    State state() const;
+
+    /// Largest priority number that is accepted; the smallest is 0. Default: 10. Pending tasks are not touched.
+    int maxPriority() const;
+    void setMaxPriority(int priority);
+
+    /// Largest number of counted tasks run at once; 0 or less starts nothing. Default: ideal thread count, at least 1.
+    int maxRunningTasksCount() const;
+    /// Dispatches nothing by itself: call tryExec() after raising the limit.
+    void setMaxRunningTasksCount(int count);
+
+    /// How the queue is connected to finished() and priorityChanged() of its tasks. Default: Qt::QueuedConnection.
+    Qt::ConnectionType connectionType() const;
+    /// For tasks that enter afterwards. With Qt::DirectConnection the queue reacts in the thread that ends a task.
+    void setConnectionType(Qt::ConnectionType type);
+
+    CleanupMode cleanupMode() const;
+    /// For tasks that finish afterwards.
+    void setCleanupMode(CleanupMode mode);
+
+    TaskErrorPolicy taskErrorPolicy() const;
+    void setTaskErrorPolicy(TaskErrorPolicy policy);
+
+    /// Takes an idle task in, behind those of its priority, and dispatches. Null and tasks that are not idle: ignored.
+    void append(Task *task);
+    /// Takes the idle ones of \a tasks in, in list order, and dispatches once.
+    void append(const QList<Task *> &tasks);
+    /// Takes an idle task in, before those of its priority, and dispatches.
+    void prepend(Task *task);
+    void operator<<(Task *task);
+    /// Moves a pending task to the end of its present priority. Called when a priority changes.
+    void readdTask(Task *task);
+
+    /**
+     * Takes one task out and dispatches. The task itself is not touched; its queue() becomes null unless it was
+     * pending.
+     */
+    virtual void removeTask(Task *task);
+
+    /// Whether nothing is pending.
+    virtual bool isEmpty() const;
+    virtual int pendingTasksCount() const;
+    /// Tasks that this queue has started and that count, see Task::countAsRunning().
+    int runningTasksCount() const;
+    bool hasRunningTasks() const;
+    /// Running and pending tasks.
+    int count() const;
+
+    /**
+     * Takes all tasks out, then does to each, pending ones first, in the order in which they would have been started,
+     * what \a policy says. Tasks that handlers add while pending ones are treated are dropped as well.
+     *
+     * One step for other threads: the queue is locked meanwhile. The cleared tasks are never deleted by the queue.
+     */
+    virtual void clear(ClearPolicy policy = Remove, const Error &error = Error());
+
+public Q_SLOTS:
+    /// Starts nothing more; running tasks go on.
+    void pause();
+    void resume();
+    /// Starts what may be started. Called by everything that can make room.
+    void tryExec();
+
+Q_SIGNALS:
+    /// After every change of state(), on the thread that made it.
+    void stateChanged(State state);
+
+protected:
+    /// Starts \a task, which already counts as running. The default calls Task::exec() unless it has finished.
+    virtual void exec(Task *task);
+    /// Puts a task among the pending ones, or refuses it. Takes the lock.
+    virtual void enqueueTask(Task *task, EnqueueMode mode);
+    /// Takes the next idle task out of the pending ones; null when there is none. Takes the lock.
+    virtual Task *dequeueTask();
+    virtual void addTask(Task *task, EnqueueMode mode);
+    /// Reacts to the end of a task; null when the task is gone already. Called with the lock held: the dispatch that
+    /// removeTask() and tryExec() ask for in here is made when the lock is released.
+    virtual void onTaskFinished(Task *task);
+    /// Forgets a task that is being destroyed, on the thread that destroys it.
+    virtual void onTaskDestroyed(Task *task);
+
+    void setState(State state);
+    void connectTask(Task *task);
+    void disconnectTask(Task *task);
+    void removeRunningTask(Task *task);
+    void clearTask(Task *task, ClearPolicy policy, const Error &error);
+
+private:
+    friend class Task;
+    friend class TasksQueueHold;
+    class Private;
+    std::unique_ptr<Private> d;
+};
+
+} // namespace zel
