@@ -342,6 +342,7 @@ private Q_SLOTS:
         for (const char *jobs : {"0", "-1", "2x", "", "99999999999"})
             QTest::addRow("jobs \"%s\"", jobs) << QStringList{u"--jobs"_s, QString::fromLatin1(jobs), u"a"_s};
         QTest::addRow("no value") << QStringList{u"a"_s, u"--jobs"_s};
+        QTest::addRow("progress") << QStringList{u"--progress=sometimes"_s, u"a"_s};
         QTest::addRow("list and path") << QStringList{u"--check"_s, u"a"_s, u"a"_s};
     }
 
@@ -378,6 +379,26 @@ private Q_SLOTS:
         QCOMPARE(outcome.status, 130);
         QCOMPARE(outcome.output, lineOf("a", "1"));
         QCOMPARE(outcome.errors, QByteArray());
+    }
+
+    void progressLineIsDrawnTenTimesASecondAndTakenBack()
+    {
+        writeEndless(u"endless"_s);
+        QElapsedTimer timer;
+        timer.start();
+        const auto process = startSum({u"--progress=always"_s, u"--jobs=2"_s, u"endless"_s, u"endless"_s});
+        QByteArray drawn;
+        const auto hasTotal = [&] {
+            drawn += process->readAllStandardError();
+            return drawn.contains("0 of 2 files, ") && drawn.contains("/s, ") && drawn.contains(" left");
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(hasTotal(), longTime);
+        ::kill(pid_t(process->processId()), SIGINT);
+        const Outcome outcome = finish(*process);
+        drawn += outcome.errors;
+        QCOMPARE(outcome.status, 130);
+        QVERIFY(drawn.endsWith("\r\033[K") && !drawn.contains('\n'));
+        QVERIFY(drawn.count(" files, ") <= 1 + timer.elapsed() / 100);
     }
 
     // The program does not wait for its threads when it is stopped, which hides whether they obey.

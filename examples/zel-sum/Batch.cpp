@@ -28,13 +28,14 @@ bool isFailure(const Item &item, const FileHash &hash)
 
 } // namespace
 
-zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast)
+zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast, WorkDone &done)
 {
-    FileHasher hasher(algorithm);
+    FileHasher hasher(algorithm, &done);
     for (const Item &item : batch.items) {
         const FileHash hash = hasher.hash(item.path);
         if (hash.isInterrupted)
             return zel::Canceled;
+        done.files.fetch_add(1, std::memory_order_relaxed);
         batch.lines += resultLine(item, hash);
         if (hash.error)
             batch.complaints += complaint(item.path, hash.error);

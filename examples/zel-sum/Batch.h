@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Source.h"
+#include "WorkDone.h"
 
 #include <zel/common/Error.h>
 
@@ -25,4 +26,4 @@ struct Batch {
 };
 
 /// Hashes the files of \a batch; ReadError when there were failures. With \a failsFast it stops at the first one.
-zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast);
+zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast, WorkDone &done);

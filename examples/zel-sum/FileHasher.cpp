@@ -18,7 +18,12 @@ int openForReading(const QByteArray &path)
 
 } // namespace
 
-FileHasher::FileHasher(QCryptographicHash::Algorithm algorithm) : m_hash(algorithm), m_block(new char[blockSize]) { }
+FileHasher::FileHasher(QCryptographicHash::Algorithm algorithm, WorkDone *done)
+    : m_hash(algorithm)
+    , m_block(new char[blockSize])
+    , m_done(done)
+{
+}
 
 FileHash FileHasher::hash(const QByteArray &path)
 {
@@ -37,10 +42,13 @@ FileHash FileHasher::hash(int file)
         const ssize_t length = ::read(file, m_block.get(), blockSize);
         if (length == 0)
             return {m_hash.result().toHex(), 0, false};
-        if (length > 0)
-            m_hash.addData(QByteArrayView(m_block.get(), length));
-        else if (errno != EINTR)
+        if (length < 0 && errno != EINTR)
             return {{}, errno, false};
+        if (length < 0)
+            continue;
+        m_hash.addData(QByteArrayView(m_block.get(), length));
+        if (m_done)
+            m_done->bytes.fetch_add(length, std::memory_order_relaxed);
     }
     return {{}, 0, true};
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "WorkDone.h"
+
 #include <QByteArray>
 #include <QCryptographicHash>
 
@@ -15,7 +17,8 @@ struct FileHash {
 /// Hashes files one after the other, block by block with the same buffer, whatever their size.
 class FileHasher {
 public:
-    explicit FileHasher(QCryptographicHash::Algorithm algorithm);
+    /// Adds what is read to \a done, if there is one.
+    explicit FileHasher(QCryptographicHash::Algorithm algorithm, WorkDone *done = nullptr);
 
     /// Hashes the file, "-" being the standard input. Ends early, after a block, when the thread is asked to stop.
     FileHash hash(const QByteArray &path);
@@ -25,4 +28,5 @@ private:
 
     QCryptographicHash m_hash;
     const std::unique_ptr<char[]> m_block;
+    WorkDone *const m_done;
 };

@@ -5,6 +5,7 @@
 #include <QThread>
 
 #include <getopt.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cstdio>
@@ -20,11 +21,14 @@ constexpr option longOptions[] = {
     {"check", required_argument, nullptr, 'c'},
     {"fail-fast", no_argument, nullptr, 'f'},
     {"help", no_argument, nullptr, 'h'},
+    {"progress", required_argument, nullptr, 'p'},
     {nullptr, 0, nullptr, 0},
 };
 
-constexpr char usage[] = R"(Usage: zel-sum [--algorithm NAME] [--jobs N] [--fail-fast] PATH...
-       zel-sum [--algorithm NAME] [--jobs N] [--fail-fast] --check FILE
+constexpr char usage[] = R"(Usage: zel-sum [--algorithm NAME] [--jobs N] [--fail-fast] [--progress WHEN]
+               PATH...
+       zel-sum [--algorithm NAME] [--jobs N] [--fail-fast] [--progress WHEN]
+               --check FILE
 )";
 
 constexpr char help[] = R"(
@@ -36,6 +40,8 @@ without the symbolic links in them; - is the standard input.
                         wrote them
       --fail-fast       stop at the first file that cannot be read or verified
   -j, --jobs N          number of working threads (default: one per processor)
+      --progress WHEN   a line on stderr that says how far the work is: always,
+                        never or auto, on a terminal (default)
   -h, --help            print this
 
 Exit status: 0 success, 1 something failed, 2 wrong options, 130 interrupted.
@@ -68,6 +74,16 @@ bool setJobs(Options &options, const char *number)
     return false;
 }
 
+bool setProgress(Options &options, const char *when)
+{
+    if (std::strcmp(when, "auto") != 0 && std::strcmp(when, "always") != 0 && std::strcmp(when, "never") != 0) {
+        std::fprintf(stderr, "zel-sum: --progress is always, never or auto, not '%s'\n", when);
+        return false;
+    }
+    options.showsProgress = *when == 'a' && (when[1] == 'l' || ::isatty(STDERR_FILENO));
+    return true;
+}
+
 bool setOption(Options &options, int option)
 {
     switch (option) {
@@ -81,6 +97,8 @@ bool setOption(Options &options, int option)
     case 'f':
         options.failsFast = true;
         return true;
+    case 'p':
+        return setProgress(options, optarg);
     default: // getopt_long() has said what is wrong
         return false;
     }
@@ -99,6 +117,7 @@ std::optional<Options> parseOptions(int argc, char **argv, int &exitStatus)
 {
     Options options;
     options.jobs = QThread::idealThreadCount();
+    setProgress(options, "auto");
     bool isUsable = true;
     int option;
     while (isUsable && (option = ::getopt_long(argc, argv, "a:j:c:h", longOptions, nullptr)) != -1) {

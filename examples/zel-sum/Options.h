@@ -12,6 +12,7 @@ struct Options {
     int jobs = 1;                   ///< number of working threads
     std::optional<QByteArray> list; ///< the checksum list to verify
     bool failsFast = false;
+    bool showsProgress = false;
     std::vector<QByteArray> paths;
 };
 

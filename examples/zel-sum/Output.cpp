@@ -25,6 +25,8 @@ void Output::write(const QByteArray &lines)
 {
     if (m_error != 0)
         return;
+    if (m_beforeWrite && !lines.isEmpty())
+        m_beforeWrite();
     m_rest += lines;
     writeRest();
 }

@@ -3,6 +3,9 @@
 #include <QByteArray>
 #include <QDeadlineTimer>
 
+#include <functional>
+#include <utility>
+
 /**
  * Writes lines to a descriptor.
  *
@@ -13,6 +16,8 @@ public:
     /// \a stopDescriptor becomes readable with a stop signal.
     Output(int descriptor, int stopDescriptor);
 
+    /// Called before each write, for what else stands on the same terminal.
+    void setBeforeWrite(std::function<void()> beforeWrite) { m_beforeWrite = std::move(beforeWrite); }
     /// Waits until all is written, an error comes up or there is a stop signal.
     void write(const QByteArray &lines);
     /// From now on a write waits until then, whatever the signals. What an earlier one has left is written first.
@@ -28,6 +33,7 @@ private:
 
     const int m_descriptor;
     const int m_stopDescriptor;
+    std::function<void()> m_beforeWrite;
     QDeadlineTimer m_deadline = QDeadlineTimer::Forever;
     QByteArray m_rest;
     int m_error = 0;

@@ -5,6 +5,7 @@
 
 #include <QMetaObject>
 
+#include <limits>
 #include <utility>
 
 using zel::Task;
@@ -21,6 +22,15 @@ constexpr int maxWaitingTasks = 256;
 constexpr size_t maxHeldBatches = 4096;
 
 constexpr int timeToPrintAfterStop = 200; // milliseconds
+constexpr int timeBetweenFigures = 100;   // milliseconds
+
+constexpr int interruptedStatus = 130;
+
+/// The unit of the figures: a task's progress is an int.
+int toKibibytes(qint64 bytes)
+{
+    return int(qMin<qint64>(bytes / 1024, std::numeric_limits<int>::max()));
+}
 
 /// What takes long begins early: no processor shall be idle while the last one is at a huge file.
 int priorityFor(qint64 size)
@@ -40,12 +50,17 @@ void failAll(Batch &batch, const zel::Error &error)
 
 } // namespace
 
-SumRun::SumRun(const Options &options, std::unique_ptr<Source> source, Output &output, Output &errorOutput)
+SumRun::SumRun(const Options &options, std::unique_ptr<Source> source, Output &output, Output &errorOutput,
+               ProgressLine &progressLine)
     : m_options(options)
     , m_source(std::move(source))
     , m_output(output)
     , m_errorOutput(errorOutput)
+    , m_progressLine(progressLine)
 {
+    m_whole.connectTo(&m_progressLine, Qt::DirectConnection);
+    connect(&m_whole, &Task::canceled, this, [this] { stop(interruptedStatus); });
+    connect(&m_progressTimer, &QTimer::timeout, this, &SumRun::showProgress);
     m_queue.setMaxRunningTasksCount(options.jobs);
     m_queue.setCleanupMode(TasksQueue::DeleteFinished);
     m_queue.setTaskErrorPolicy(options.failsFast ? TasksQueue::ClearOnError : TasksQueue::ContinueOnError);
@@ -54,6 +69,11 @@ SumRun::SumRun(const Options &options, std::unique_ptr<Source> source, Output &o
 
 void SumRun::start()
 {
+    m_whole.exec();
+    if (m_progressLine.isShown()) {
+        m_total = std::make_unique<Total>(m_options.paths);
+        m_progressTimer.start(timeBetweenFigures);
+    }
     feedSoon();
 }
 
@@ -143,8 +163,8 @@ void SumRun::submitBatch()
     const std::shared_ptr<Batch> batch = std::exchange(m_batch, nullptr);
     if (!batch)
         return;
-    const auto work = [batch, algorithm = m_options.algorithm, failsFast = m_options.failsFast] {
-        return hashBatch(*batch, algorithm, failsFast);
+    const auto work = [batch, algorithm = m_options.algorithm, failsFast = m_options.failsFast, done = m_done] {
+        return hashBatch(*batch, algorithm, failsFast, *done);
     };
     auto *task = new Task(std::function<zel::Error()>(work), Task::WorkingThread, &m_tasks);
     task->setPriority(priorityFor(batch->size));
@@ -218,6 +238,9 @@ void SumRun::finish()
 {
     if (std::exchange(m_isFinished, true))
         return;
+    m_progressTimer.stop();
+    m_progressLine.clear();
+    m_whole.finish();
     for (const auto &batch : m_batches) {
         if (batch->isDone)
             m_output.write(batch->lines);
@@ -242,4 +265,15 @@ void SumRun::fail(const QByteArray &complaints)
     m_errorOutput.write(complaints);
     if (m_exitStatus == 0)
         m_exitStatus = 1;
+}
+
+// The total is counted beside the work; a list does not tell sizes, so that there is none.
+void SumRun::showProgress()
+{
+    const Total::Figures *total = m_options.list ? nullptr : m_total->figures();
+    QString text = QString::number(m_done->files);
+    if (total)
+        text += QStringLiteral(" of ") + QString::number(total->files);
+    m_whole.setProgressText(text + QStringLiteral(" files"));
+    m_whole.setProgress(toKibibytes(m_done->bytes), total ? toKibibytes(total->bytes) : 0);
 }

@@ -3,13 +3,17 @@
 #include "Batch.h"
 #include "Options.h"
 #include "Output.h"
+#include "ProgressLine.h"
 #include "Source.h"
+#include "Total.h"
+#include "WorkDone.h"
 
 #include <zel/tasks/Task.h>
 #include <zel/tasks/TasksQueue.h>
 
 #include <QObject>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <deque>
 #include <memory>
@@ -23,7 +27,9 @@
 class SumRun : public QObject {
     Q_OBJECT
 public:
-    SumRun(const Options &options, std::unique_ptr<Source> source, Output &output, Output &errorOutput);
+    /// \a progressLine shows how far the run is; its request to cancel interrupts the run.
+    SumRun(const Options &options, std::unique_ptr<Source> source, Output &output, Output &errorOutput,
+           ProgressLine &progressLine);
 
     void start();
     /// Ends the run at once; what is done is printed.
@@ -50,11 +56,19 @@ private:
     void finish();
     void sumUp();
     void fail(const QByteArray &complaints);
+    void showProgress();
 
     const Options m_options;
     const std::unique_ptr<Source> m_source;
     Output &m_output;
     Output &m_errorOutput;
+    ProgressLine &m_progressLine;
+    /// The run as a whole, for the display of its progress.
+    zel::Task m_whole{zel::Task::Asynchronous};
+    QTimer m_progressTimer;
+    std::unique_ptr<Total> m_total;
+    /// The work may outlast the run.
+    const std::shared_ptr<WorkDone> m_done = std::make_shared<WorkDone>();
     zel::TasksQueue m_queue;
     /// Parent of all tasks; destroyed before the queue.
     QObject m_tasks;

@@ -2,6 +2,7 @@
 #include "FolderWalk.h"
 #include "Options.h"
 #include "Output.h"
+#include "ProgressLine.h"
 #include "StopSignal.h"
 #include "SumRun.h"
 
@@ -14,8 +15,6 @@
 #include <memory>
 
 namespace {
-
-constexpr int interruptedStatus = 130;
 
 std::unique_ptr<Source> sourceFor(const Options &options)
 {
@@ -40,8 +39,11 @@ int main(int argc, char **argv)
     const StopSignal stopSignal;
     Output output(STDOUT_FILENO, stopSignal.descriptor());
     Output errorOutput(STDERR_FILENO, stopSignal.descriptor());
-    SumRun run(*options, sourceFor(*options), output, errorOutput);
-    QObject::connect(&stopSignal, &StopSignal::received, &run, [&run] { run.stop(interruptedStatus); });
+    ProgressLine progressLine(STDERR_FILENO, options->showsProgress);
+    for (Output *on : {&output, &errorOutput})
+        on->setBeforeWrite([&progressLine] { progressLine.clear(); });
+    SumRun run(*options, sourceFor(*options), output, errorOutput, progressLine);
+    QObject::connect(&stopSignal, &StopSignal::received, &progressLine, &ProgressLine::requestCancel);
     QObject::connect(&run, &SumRun::finished, &application, &QCoreApplication::exit);
 
     run.start();
