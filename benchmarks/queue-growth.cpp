@@ -1,8 +1,7 @@
-// queue-growth: what the operations of a queue cost per task, in queues of 10,000 and of 1,000,000 tasks.
+// queue-growth: what an operation of a queue costs per task, in a queue of 10,000 and in one of 1,000,000 tasks.
 //
-// A million tasks do not fit into the processor's caches, which slows down whatever touches them. So the large queue
-// is compared with a small one, and with a hundred small ones that hold as many tasks together: the second ratio shows
-// the queue alone.
+// Each measurement is a process of its own: one that comes later in the same process would find memory that earlier
+// ones left mapped, warm or scattered, and measure that.
 
 #include <zel/tasks/Task.h>
 #include <zel/tasks/TaskTestUtils.h>
@@ -11,23 +10,30 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QProcess>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <vector>
 
+#include <malloc.h>
+
+using namespace Qt::StringLiterals;
 using zel::Task;
 using zel::TasksQueue;
 
 namespace {
 
-constexpr const char *operationNames[] = {"append", "drain", "setPriority", "clear"};
-
-/// Nanoseconds per task of each operation.
-using Costs = std::array<double, std::size(operationNames)>;
+struct Size {
+    int tasks;
+    int runs;
+};
+constexpr Size small{10'000, 31};
+constexpr Size large{1'000'000, 5};
 
 void expect(bool isTrue, const char *what)
 {
@@ -35,104 +41,108 @@ void expect(bool isTrue, const char *what)
         qFatal("queue-growth: %s", what);
 }
 
-/// A paused queue and the tasks for it.
-struct TestQueue {
-    explicit TestQueue(int size) : tasks(size)
-    {
-        queue.pause();
-        for (auto &task : tasks)
-            task = std::make_unique<Task>(zel::TaskTestUtils::blankFunc);
-    }
+/// Makes the system map the memory that \a count tasks and their connections will take: that is its work, not ours.
+void mapMemory(int count)
+{
+    constexpr size_t perTask = 4096;
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, -1);
+    void *memory = std::malloc(perTask * size_t(count));
+    std::memset(memory, 1, perTask * size_t(count));
+    std::free(memory);
+}
 
-    std::vector<std::unique_ptr<Task>> tasks;
-    TasksQueue queue;
-};
-
-/// Queues of the same size.
-class Queues {
+/// A paused queue and tasks for it, which stand before anything is timed.
+class Bench {
 public:
-    Queues(int count, int size) : m_queues(count), m_tasksCount(double(count) * size)
+    explicit Bench(int count) : m_tasks(count)
     {
-        for (auto &queue : m_queues)
-            queue = std::make_unique<TestQueue>(size);
+        std::generate(m_tasks.begin(), m_tasks.end(),
+                      [] { return std::make_unique<Task>(zel::TaskTestUtils::blankFunc); });
+        m_queue.pause();
     }
 
-    /// Does \a operation to each queue. Returns the nanoseconds per task.
-    template <typename Operation>
-    double cost(Operation operation)
+    void append()
     {
-        QElapsedTimer timer;
-        timer.start();
-        for (auto &queue : m_queues)
-            operation(*queue);
-        return double(timer.nsecsElapsed()) / m_tasksCount;
+        for (const auto &task : m_tasks)
+            m_queue.append(task.get());
+        expect(m_queue.pendingTasksCount() == int(m_tasks.size()), "not all tasks are pending");
+    }
+
+    void changePriorities()
+    {
+        int number = 0;
+        for (const auto &task : m_tasks)
+            task->setPriority(2 + number++ % 8);
+        QCoreApplication::sendPostedEvents();
+        expect(m_queue.pendingTasksCount() == int(m_tasks.size()), "not all tasks are pending");
+    }
+
+    void clear()
+    {
+        m_queue.clear();
+        expect(m_queue.isEmpty(), "not all tasks were cleared");
+    }
+
+    void drain()
+    {
+        QEventLoop loop;
+        QObject::connect(&m_queue, &TasksQueue::stateChanged, &loop, [&loop](TasksQueue::State state) {
+            if (state == TasksQueue::Idle)
+                loop.quit();
+        });
+        m_queue.resume();
+        loop.exec();
+        expect(m_tasks.back()->isSuccessful(), "not all tasks were run");
     }
 
 private:
-    std::vector<std::unique_ptr<TestQueue>> m_queues;
-    const double m_tasksCount;
+    std::vector<std::unique_ptr<Task>> m_tasks;
+    TasksQueue m_queue;
 };
 
-void append(TestQueue &test)
+struct Operation {
+    const char *name;
+    bool isOnPending;
+    void (Bench::*call)();
+};
+constexpr Operation operations[] = {
+    {"append", false, &Bench::append},
+    {"drain", true, &Bench::drain},
+    {"setPriority", true, &Bench::changePriorities},
+    {"clear", true, &Bench::clear},
+};
+
+/// Prints the nanoseconds per task.
+void measure(const Operation &operation, int count)
 {
-    for (const auto &task : test.tasks)
-        test.queue.append(task.get());
+    mapMemory(count);
+    Bench bench(count);
+    if (operation.isOnPending)
+        bench.append();
+    QElapsedTimer timer;
+    timer.start();
+    (bench.*operation.call)();
+    std::printf("%f\n", double(timer.nsecsElapsed()) / count);
+    std::fflush(stdout);
+    // Taking the world down again is no part of it.
+    std::_Exit(0);
 }
 
-void drain(TestQueue &test)
+double medianCost(int operation, const Size &size)
 {
-    QEventLoop loop;
-    QObject::connect(&test.queue, &TasksQueue::stateChanged, &loop, [&loop](TasksQueue::State state) {
-        if (state == TasksQueue::Idle)
-            loop.quit();
-    });
-    test.queue.resume();
-    loop.exec();
-    expect(test.tasks.front()->isSuccessful() && test.tasks.back()->isSuccessful(), "not all tasks were run");
-}
-
-void changePriorities(TestQueue &test)
-{
-    int number = 0;
-    for (const auto &task : test.tasks)
-        task->setPriority(2 + number++ % 8);
-    QCoreApplication::sendPostedEvents();
-    expect(test.queue.pendingTasksCount() == number, "not all tasks are pending");
-}
-
-void clear(TestQueue &test)
-{
-    test.queue.clear();
-    expect(test.queue.isEmpty(), "not all tasks were cleared");
-}
-
-template <typename Operation>
-double costAfterAppend(int queues, int size, Operation operation)
-{
-    Queues filled(queues, size);
-    filled.cost(append);
-    return filled.cost(operation);
-}
-
-Costs measure(int queues, int size)
-{
-    return {Queues(queues, size).cost(append), costAfterAppend(queues, size, drain),
-            costAfterAppend(queues, size, changePriorities), costAfterAppend(queues, size, clear)};
-}
-
-Costs medianCosts(int queues, int size, int runs)
-{
-    std::vector<Costs> all(runs);
-    std::generate(all.begin(), all.end(), [queues, size] { return measure(queues, size); });
-    Costs result;
-    for (size_t operation = 0; operation < result.size(); ++operation) {
-        const auto middle = all.begin() + runs / 2;
-        std::nth_element(all.begin(), middle, all.end(), [operation](const Costs &left, const Costs &right) {
-            return left[operation] < right[operation];
-        });
-        result[operation] = (*middle)[operation];
+    std::vector<double> costs;
+    for (int run = 0; run < size.runs; ++run) {
+        QProcess process;
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process.start(QCoreApplication::applicationFilePath(),
+                      {QString::number(operation), QString::number(size.tasks)});
+        expect(process.waitForFinished(-1) && process.exitCode() == 0, "a measurement failed");
+        costs.push_back(process.readAllStandardOutput().trimmed().toDouble());
     }
-    return result;
+    const auto middle = costs.begin() + size.runs / 2;
+    std::nth_element(costs.begin(), middle, costs.end());
+    return *middle;
 }
 
 } // namespace
@@ -140,14 +150,15 @@ Costs medianCosts(int queues, int size, int runs)
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    const Costs one = medianCosts(1, 10'000, 51);
-    const Costs hundred = medianCosts(100, 10'000, 3);
-    const Costs large = medianCosts(1, 1'000'000, 3);
-    std::printf("Nanoseconds per task (medians of 51, 3 and 3 runs)\n\n");
-    std::printf("%-12s %10s %12s %13s %10s %12s\n", "", "10,000", "100x 10,000", "1x 1,000,000", "to 10,000",
-                "to 100x");
-    for (size_t i = 0; i < large.size(); ++i) {
-        std::printf("%-12s %10.0f %12.0f %13.0f %10.2f %12.2f\n", operationNames[i], one[i], hundred[i], large[i],
-                    large[i] / one[i], large[i] / hundred[i]);
+    if (argc == 3)
+        measure(operations[atoi(argv[1])], atoi(argv[2]));
+
+    std::printf("ns per task, medians of %d and %d processes\n\n", small.runs, large.runs);
+    std::printf("%-12s %10d %10d %7s\n", "operation", small.tasks, large.tasks, "ratio");
+    for (int operation = 0; operation < int(std::size(operations)); ++operation) {
+        const double few = medianCost(operation, small);
+        const double many = medianCost(operation, large);
+        std::printf("%-12s %10.0f %10.0f %7.2f\n", operations[operation].name, few, many, many / few);
+        std::fflush(stdout);
     }
 }
