@@ -317,7 +317,7 @@ void TasksQueue::Private::forget(Entry *entry)
 }
 
 // In the order in which they would be taken.
-QList<QPointer<Task>> TasksQueue::Private::forgetPending()
+TasksQueue::Private::Entries TasksQueue::Private::takeAllPending()
 {
     Entries entries;
     for (auto &level : ready)
@@ -330,26 +330,42 @@ QList<QPointer<Task>> TasksQueue::Private::forgetPending()
         entries.sort([](const Entry &left, const Entry &right) { return left.turn() < right.turn(); });
     }
     pendingCount = 0;
-    return forgetAll(entries);
+    return entries;
 }
 
-QList<QPointer<Task>> TasksQueue::Private::forgetRunning()
+TasksQueue::Private::Entries TasksQueue::Private::takeAllRunning()
 {
     countedRunning = 0;
-    return forgetAll(running);
+    return std::exchange(running, {});
 }
 
-QList<QPointer<Task>> TasksQueue::Private::forgetAll(Entries &entries)
+// Handlers may destroy tasks that are still to come, which takes them out of the list, or take them in again, which is
+// to no avail. Returns false when one of them has destroyed the queue.
+bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const Error &error)
 {
-    QList<QPointer<Task>> tasks;
-    tasks.reserve(qsizetype(entries.size()));
+    const QPointer<TasksQueue> queue(q);
     for (Entry &entry : entries) {
-        tasks.append(entry.task);
+        entry.place = Entry::Leaving;
+        entry.isCounted = false;
+    }
+    leaving.splice(leaving.begin(), entries);
+    while (!leaving.empty()) {
+        Task *task = leaving.front().task;
+        forget(&leaving.front());
+        q->clearTask(task, policy, error);
+        if (!queue)
+            return false;
+    }
+    return true;
+}
+
+void TasksQueue::Private::forgetAll(Entries &entries)
+{
+    for (Entry &entry : entries) {
         entry.task->d->releaseQueueEntry(lock.get());
         entry = {.self = entry.self};
     }
     unused.splice(unused.begin(), entries);
-    return tasks;
 }
 
 // The lock is held while the task is looked at: a task that is destroyed on another thread waits to be forgotten.
@@ -360,7 +376,7 @@ void TasksQueue::Private::onTaskFinished(const QPointer<Task> &task, const Entry
         return;
     }
     TasksQueueLocker locker(lock);
-    if (entry->stay == stay)
+    if (entry->stay == stay && entry->place != Entry::Leaving)
         q->onTaskFinished(entry->task);
     dispatch(locker.unlock());
 }
@@ -402,9 +418,11 @@ TasksQueue::Private::Entries &TasksQueue::Private::listOf(const Entry &entry)
     case Entry::Returned:
         return returned;
     case Entry::Running:
+        return running;
+    case Entry::Leaving:
         break;
     }
-    return running;
+    return leaving;
 }
 
 // The only way from list to list: keeps the counts, and no empty list among the ready ones.
@@ -495,11 +513,11 @@ TasksQueue::TasksQueue(QObject *parent) : QObject(parent), d(std::make_unique<Pr
 TasksQueue::~TasksQueue()
 {
     const TasksQueueLocker locker(d->lock);
-    const QList<QPointer<Task>> pending = d->forgetPending();
-    for (const QPointer<Task> &task : pending)
-        disconnectTask(task);
-    d->forgetRunning();
-    d->forgetAll(d->outside);
+    Private::Entries pending = d->takeAllPending();
+    for (const Private::Entry &entry : pending)
+        disconnectTask(entry.task);
+    for (Private::Entries *entries : {&pending, &d->running, &d->outside, &d->leaving})
+        d->forgetAll(*entries);
     d->lock->queue = nullptr;
     d->lock->context = nullptr;
 }
@@ -676,22 +694,15 @@ void TasksQueue::clear(ClearPolicy policy, const Error &error)
     const QPointer<TasksQueue> self(this);
     const std::shared_ptr<TasksQueueLock> lock = d->lock;
     const Error outcome = error;
-    const auto clearTasks = [&](const QList<QPointer<Task>> &tasks) {
-        for (const QPointer<Task> &task : tasks) {
-            if (self && task)
-                clearTask(task, policy, outcome);
-        }
-    };
-
     TasksQueueLocker locker(lock);
     ++lock->clearing;
-    clearTasks(d->forgetPending());
-    if (self) {
-        const QList<QPointer<Task>> running = d->forgetRunning();
-        const QList<QPointer<Task>> addedMeanwhile = d->forgetPending();
-        for (const QPointer<Task> &task : addedMeanwhile)
-            disconnectTask(task);
-        clearTasks(running);
+    if (d->clearTasks(d->takeAllPending(), policy, outcome)) {
+        Private::Entries running = d->takeAllRunning();
+        Private::Entries addedMeanwhile = d->takeAllPending();
+        for (const Private::Entry &entry : addedMeanwhile)
+            disconnectTask(entry.task);
+        d->forgetAll(addedMeanwhile);
+        d->clearTasks(std::move(running), policy, outcome);
     }
     --lock->clearing;
     const int passes = locker.unlock();
@@ -755,6 +766,9 @@ void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
         qCWarning(tasksLog) << "Task" << task->name() << "already in queue";
         return;
     }
+    const Private::Entry *entry = d->entryOf(task);
+    if (entry && entry->place == Private::Entry::Leaving)
+        return;
     const int priority = task->priority();
     if (priority < 0 || priority > d->maxPriority) {
         qCWarning(tasksLog) << "Invalid priority" << priority << "of task" << task->name();
@@ -853,7 +867,8 @@ void TasksQueue::removeRunningTask(Task *task)
 
 void TasksQueue::clearTask(Task *task, ClearPolicy policy, const Error &error)
 {
-    const QPointer<Task> guarded(task);
+    // Null where nothing is left to do to the task.
+    const QPointer<Task> guarded(policy == Finish || policy == Cancel ? task : nullptr);
     removeRunningTask(task);
     if (!guarded || task->isFinalizing() || task->isFinished())
         return;

@@ -90,6 +90,7 @@ struct TasksQueueEntry {
         Parked,   ///< pending, was passed over because it was not idle
         Returned, ///< pending, idle again after it was passed over
         Running,  ///< started by the queue
+        Leaving,  ///< being cleared, no longer the queue's; its end is nobody's business here
     };
 
     bool isPending() const { return place == Ready || place == Parked || place == Returned; }
@@ -146,9 +147,10 @@ public:
     void takeOut(Entry *entry);
     Entry *setRunning(Task *task);
     void forget(Entry *entry);
-    QList<QPointer<Task>> forgetPending();
-    QList<QPointer<Task>> forgetRunning();
-    QList<QPointer<Task>> forgetAll(Entries &entries);
+    Entries takeAllPending();
+    Entries takeAllRunning();
+    bool clearTasks(Entries entries, ClearPolicy policy, const Error &error);
+    void forgetAll(Entries &entries);
 
     TasksQueue *const q;
     const std::shared_ptr<TasksQueueLock> lock;
@@ -169,6 +171,8 @@ public:
     std::map<std::pair<int, qint64>, Entry *> returnedByTurn;
     Entries running;
     Entries outside;
+    /// What clear() has taken and not come to yet.
+    Entries leaving;
     Entries unused;
     /// Sizes of the ready, parked and returned lists together.
     int pendingCount = 0;
