@@ -1,6 +1,7 @@
 #include <zel/tasks/Task.h>
 
 #include "BaseTask_p.h"
+#include "TaskUse.h"
 #include "Task_p.h"
 #include "TasksLog.h"
 #include "TasksQueue_p.h"
@@ -215,6 +216,7 @@ Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, p
 Task::~Task()
 {
     Q_EMIT aboutToDestroy();
+    TaskUse::waitForOthers(this);
     stopWorkingThread();
 }
 

@@ -1,12 +1,13 @@
 #include <zel/tasks/TasksQueue.h>
 
+#include "TaskUse.h"
 #include "Task_p.h"
 #include "TasksLog.h"
 #include "TasksQueue_p.h"
 
 #include <QThread>
 
-#include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace zel {
@@ -22,18 +23,12 @@ public:
         , entry(startedEntry)
         , stay(startedEntry ? startedEntry->stay : 0)
         , loopLevel(QThread::currentThread()->loopLevel())
-        , m_task(startedEntry ? startedEntry->task : nullptr)
         , m_outer(std::exchange(innermost, this))
     {
-        if (m_task)
-            lock->beginStart(m_task);
+        if (entry)
+            m_use.emplace(entry->task);
     }
-    ~DispatchFrame()
-    {
-        if (m_task)
-            lock->endStart(m_task);
-        innermost = m_outer;
-    }
+    ~DispatchFrame() { innermost = m_outer; }
     Q_DISABLE_COPY_MOVE(DispatchFrame)
 
     static const DispatchFrame *innermostOf(const TasksQueueLock *lock)
@@ -51,7 +46,7 @@ public:
 
 private:
     static thread_local DispatchFrame *innermost;
-    const Task *const m_task;
+    std::optional<TaskUse> m_use;
     DispatchFrame *const m_outer;
 };
 
@@ -73,33 +68,11 @@ void TasksQueueLock::postDispatch()
     QMetaObject::invokeMethod(context, dispatch, Qt::QueuedConnection);
 }
 
-void TasksQueueLock::beginStart(const Task *task)
-{
-    const QMutexLocker locker(&m_startsMutex);
-    m_starts.append({task, QThread::currentThreadId()});
-}
-
-void TasksQueueLock::endStart(const Task *task)
-{
-    const QMutexLocker locker(&m_startsMutex);
-    m_starts.removeOne({task, QThread::currentThreadId()});
-    m_startEnded.wakeAll();
-}
-
-void TasksQueueLock::waitForStart(const Task *task)
-{
-    const QMutexLocker locker(&m_startsMutex);
-    const auto isStartElsewhere = [task](const Start &start) {
-        return start.first == task && start.second != QThread::currentThreadId();
-    };
-    while (std::any_of(m_starts.cbegin(), m_starts.cend(), isStartElsewhere))
-        m_startEnded.wait(&m_startsMutex);
-}
-
 TasksQueueLocker::TasksQueueLocker(std::shared_ptr<TasksQueueLock> lock) : m_lock(std::move(lock))
 {
     m_lock->mutex.lock();
     ++m_lock->depth;
+    TaskUse::addHeldLocks(1);
 }
 
 TasksQueueLocker::~TasksQueueLocker()
@@ -116,6 +89,7 @@ int TasksQueueLocker::unlock()
     m_isLocked = false;
     const bool isOutermost = --m_lock->depth == 0;
     const int passes = isOutermost ? std::exchange(m_lock->passesOwed, 0) : 0;
+    TaskUse::addHeldLocks(-1);
     m_lock->mutex.unlock();
     return passes;
 }
@@ -351,6 +325,7 @@ bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const 
     leaving.splice(leaving.begin(), entries);
     while (!leaving.empty()) {
         Task *task = leaving.front().task;
+        const TaskUse use(task);
         forget(&leaving.front());
         q->clearTask(task, policy, error);
         if (!queue)
@@ -362,6 +337,8 @@ bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const 
 void TasksQueue::Private::forgetAll(Entries &entries)
 {
     for (Entry &entry : entries) {
+        const TaskUse use(entry.task);
+        q->disconnectTask(entry.task);
         entry.task->d->releaseQueueEntry(lock.get());
         entry = {.self = entry.self};
     }
@@ -376,31 +353,32 @@ void TasksQueue::Private::onTaskFinished(const QPointer<Task> &task, const Entry
         return;
     }
     TasksQueueLocker locker(lock);
-    if (entry->stay == stay && entry->place != Entry::Leaving)
+    if (entry->stay != stay || entry->place == Entry::Leaving)
+        return;
+    {
+        const TaskUse use(entry->task);
         q->onTaskFinished(entry->task);
+    }
     dispatch(locker.unlock());
 }
 
 // On the thread that destroys the task, when even the queue may be gone.
 void TasksQueue::Private::onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task)
 {
-    bool isInsideOperation = false;
-    {
-        const TasksQueueLocker locker(lock);
-        isInsideOperation = lock->depth > 1;
-        if (lock->queue)
-            lock->queue->onTaskDestroyed(task);
-    }
-    // A thread that is starting the task needs the lock to get out of it.
-    if (!isInsideOperation)
-        lock->waitForStart(task);
+    const TasksQueueLocker locker(lock);
+    if (lock->queue)
+        lock->queue->onTaskDestroyed(task);
 }
 
 void TasksQueue::Private::onTaskPriorityChanged(const Entry *entry, quint64 stay)
 {
     TasksQueueLocker locker(lock);
-    if (entry->stay == stay)
+    if (entry->stay != stay)
+        return;
+    {
+        const TaskUse use(entry->task);
         q->readdTask(entry->task);
+    }
     dispatch(locker.unlock());
 }
 
@@ -514,8 +492,6 @@ TasksQueue::~TasksQueue()
 {
     const TasksQueueLocker locker(d->lock);
     Private::Entries pending = d->takeAllPending();
-    for (const Private::Entry &entry : pending)
-        disconnectTask(entry.task);
     for (Private::Entries *entries : {&pending, &d->running, &d->outside, &d->leaving})
         d->forgetAll(*entries);
     d->lock->queue = nullptr;
@@ -699,8 +675,6 @@ void TasksQueue::clear(ClearPolicy policy, const Error &error)
     if (d->clearTasks(d->takeAllPending(), policy, outcome)) {
         Private::Entries running = d->takeAllRunning();
         Private::Entries addedMeanwhile = d->takeAllPending();
-        for (const Private::Entry &entry : addedMeanwhile)
-            disconnectTask(entry.task);
         d->forgetAll(addedMeanwhile);
         d->clearTasks(std::move(running), policy, outcome);
     }

@@ -7,7 +7,6 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
-#include <QWaitCondition>
 
 #include <atomic>
 #include <list>
@@ -44,20 +43,6 @@ public:
     TasksQueue *queue;
     /// The queue's private part: receives what is posted to the queue's thread.
     QObject *context;
-
-    /// Called with the lock held.
-    void beginStart(const Task *task);
-    void endStart(const Task *task);
-    /// Returns when no other thread is inside Task::exec() of \a task on behalf of the queue.
-    void waitForStart(const Task *task);
-
-private:
-    using Start = std::pair<const Task *, Qt::HANDLE>;
-
-    QMutex m_startsMutex;
-    QWaitCondition m_startEnded;
-    /// The calls of Task::exec() that are on the stack of some thread.
-    QList<Start> m_starts;
 };
 
 /// Holds a queue's lock. Dispatch passes that are owed when the outermost one lets go are the business of whoever
