@@ -217,6 +217,9 @@ Task::~Task()
 {
     Q_EMIT aboutToDestroy();
     TaskUse::waitForOthers(this);
+    // A queue that was just connecting to the task again did not hear the signal.
+    if (const auto lock = d->queueLock())
+        TasksQueue::Private::onTaskDestroyed(lock, this);
     stopWorkingThread();
 }
 

@@ -348,7 +348,7 @@ void TasksQueue::Private::forgetAll(Entries &entries)
 // The lock is held while the task is looked at: a task that is destroyed on another thread waits to be forgotten.
 void TasksQueue::Private::onTaskFinished(const QPointer<Task> &task, const Entry *entry, quint64 stay)
 {
-    if (!task) {
+    if (task.isNull()) {
         q->onTaskFinished(nullptr);
         return;
     }
