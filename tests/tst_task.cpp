@@ -1,12 +1,11 @@
 #include "support/EventLog.h"
-#include "support/LogCapture.h"
+#include "support/Rows.h"
 #include "support/Waiting.h"
 
 #include <zel/tasks/Task.h>
 #include <zel/tasks/TaskTestUtils.h>
 
 #include <QPointer>
-#include <QTest>
 #include <QThread>
 
 #include <memory>
@@ -24,17 +23,15 @@ namespace {
 const QString start = u"stateChanged(Running) started "_s;
 const QString endOfRun = u"stateChanged(Finalizing) finalizing stateChanged(Finished) finished"_s;
 
-class OpenTask : public Task {
-public:
-    using Task::doExec;
-    using Task::Task;
+struct Execution {
+    int mode;
+    std::optional<Error> result; // of the work, where there is any
+    bool endsInExec;
+    QString place;
+    QString eventsAfterStart;
 };
 
-enum Place {
-    Nowhere,
-    Here,
-    Elsewhere,
-};
+constexpr auto allModes = {Task::Synchronous, Task::WorkingThread, Task::Coroutine, Task::Asynchronous};
 
 } // namespace
 
@@ -47,188 +44,125 @@ private Q_SLOTS:
     void constructorsChooseModeAndWork()
     {
         QObject parent;
-        const auto plain = [] { return Error(Timeout); };
-        const auto withTask = [](Task *task) { return Error(GeneralError, task->name()); };
-        const auto factory = []() -> QCoro::Task<Error> { co_return Error(Interrupted); };
-        const auto factoryWithTask = [](Task *) -> QCoro::Task<Error> { co_return Error(Busy); };
-
         Task none(nullptr);
-        Task child(&parent);
         Task asynchronous(Task::Asynchronous, &parent);
-        Task synchronous(plain);
-        Task threaded(plain, Task::WorkingThread);
-        Task knowing(withTask, Task::Synchronous, &parent);
-        Task coroutine(factory);
-        Task knowingCoroutine(factoryWithTask, &parent);
-        Task code([] { return Canceled; });
+        Task plain([] { return Error(Timeout); });
+        Task threaded([] { return Error(Timeout); }, Task::WorkingThread);
+        Task knowing([](Task *task) { return Error(Timeout, task->name()); }, Task::Synchronous, &parent);
+        Task code([] { return Timeout; });
         Task blank(TaskTestUtils::blankFunc);
+        Task coroutine([]() -> QCoro::Task<Error> { co_return Error(); });
+        Task knowingCoroutine([](Task *) -> QCoro::Task<Error> { co_return Error(); }, &parent);
 
-        for (Task *task : {&child, &asynchronous, &knowing, &knowingCoroutine})
+        for (Task *task : {&asynchronous, &knowing, &knowingCoroutine})
             QCOMPARE(task->parent(), &parent);
         QCOMPARE(asynchronous.executionMode(), Task::Asynchronous);
         QCOMPARE(threaded.executionMode(), Task::WorkingThread);
-        for (Task *task : {&none, &synchronous, &knowing, &code, &blank})
-            QCOMPARE(task->executionMode(), Task::Synchronous);
         QCOMPARE(coroutine.executionMode(), Task::Coroutine);
         QCOMPARE(knowingCoroutine.executionMode(), Task::Coroutine);
-
-        for (Task *task : {&none, &synchronous, &knowing, &code, &blank})
+        for (Task *task : {&none, &blank, &plain, &knowing, &code}) {
+            QCOMPARE(task->executionMode(), Task::Synchronous);
             task->exec();
-        QVERIFY(none.isSuccessful() && blank.isSuccessful());
-        QVERIFY(synchronous.error().equals(Timeout) && knowing.error().equals(GeneralError));
-        QVERIFY(code.error().equals(Canceled) && code.isCanceled());
+            QVERIFY(task->error().equals(task == &none || task == &blank ? NoError : Timeout));
+        }
     }
 
     void modeDecidesWhereWorkRunsAndWhatEndsTheTask_data()
     {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<std::optional<Error>>("result"); // of the work, where there is any
-        QTest::addColumn<bool>("endsInExec");
-        QTest::addColumn<int>("place");
-        QTest::addColumn<QString>("eventsAfterStart");
-
-        using Result = std::optional<Error>;
-        const Result none;
-        const Result good = Error();
-        const Result bad = Error(GeneralError, u"x"_s);
+        const std::optional<Error> none, good = Error(), bad = Error(GeneralError, u"x"_s);
         const QString success = u"errorChanged(NoError) "_s + endOfRun;
         const QString failure = u"errorChanged(GeneralError) "_s + endOfRun;
-
-        QTest::newRow("synchronous, no work") << int(Task::Synchronous) << none << true << int(Nowhere) << success;
-        QTest::newRow("synchronous, succeeds") << int(Task::Synchronous) << good << true << int(Here) << success;
-        QTest::newRow("synchronous, fails") << int(Task::Synchronous) << bad << true << int(Here) << failure;
-        QTest::newRow("thread, no work") << int(Task::WorkingThread) << none << false << int(Nowhere) << success;
-        QTest::newRow("thread, succeeds") << int(Task::WorkingThread) << good << false << int(Elsewhere) << success;
-        QTest::newRow("thread, fails") << int(Task::WorkingThread) << bad << false << int(Elsewhere) << failure;
-        // The function stands beside the coroutine factory, which is missing here.
-        QTest::newRow("coroutine, function only") << int(Task::Coroutine) << bad << true << int(Nowhere) << success;
-        for (const int mode : {int(Task::Asynchronous), 7, -1}) {
-            QTest::addRow("mode %d, no work", mode) << mode << none << false << int(Nowhere) << QString();
-            QTest::addRow("mode %d, succeeds", mode) << mode << good << false << int(Here) << QString();
-            QTest::addRow("mode %d, fails", mode) << mode << bad << true << int(Here) << failure;
-        }
+        addRows<Execution>({
+            {"synchronous, no work", {Task::Synchronous, none, true, u"nowhere"_s, success}},
+            {"synchronous, succeeds", {Task::Synchronous, good, true, u"here"_s, success}},
+            {"synchronous, fails", {Task::Synchronous, bad, true, u"here"_s, failure}},
+            {"thread, no work", {Task::WorkingThread, none, false, u"nowhere"_s, success}},
+            {"thread, succeeds", {Task::WorkingThread, good, false, u"elsewhere"_s, success}},
+            {"thread, fails", {Task::WorkingThread, bad, false, u"elsewhere"_s, failure}},
+            {"coroutine, function without a factory", {Task::Coroutine, bad, true, u"nowhere"_s, success}},
+            {"asynchronous, no work", {Task::Asynchronous, none, false, u"nowhere"_s, QString()}},
+            {"asynchronous, succeeds", {Task::Asynchronous, good, false, u"here"_s, QString()}},
+            {"asynchronous, fails", {Task::Asynchronous, bad, true, u"here"_s, failure}},
+            {"no such mode, succeeds", {7, good, false, u"here"_s, QString()}},
+        });
     }
 
     void modeDecidesWhereWorkRunsAndWhatEndsTheTask()
     {
-        QFETCH(int, mode);
-        QFETCH(std::optional<Error>, result);
-        QFETCH(bool, endsInExec);
-        QFETCH(int, place);
-        QFETCH(QString, eventsAfterStart);
-
-        int ranAt = Nowhere;
-        Task task(Task::ExecutionMode(mode), nullptr);
-        if (result) {
+        QFETCH(const Execution, row);
+        QString place = u"nowhere"_s;
+        Task task(Task::ExecutionMode(row.mode), nullptr);
+        if (row.result) {
             task.setFunction([&] {
-                ranAt = QThread::currentThread() == task.thread() ? Here : Elsewhere;
-                return *result;
+                place = QThread::currentThread() == task.thread() ? u"here"_s : u"elsewhere"_s;
+                return *row.result;
             });
         }
         EventLog events(&task);
         task.exec();
-        QCOMPARE(task.isFinished(), endsInExec);
-        QVERIFY(endsInExec || task.isRunning());
-        if (!eventsAfterStart.isEmpty())
+        QCOMPARE(task.state(), row.endsInExec ? BaseTask::Finished : BaseTask::Running);
+        if (!row.eventsAfterStart.isEmpty())
             QTRY_VERIFY(task.isFinished());
         drainEvents();
-        QCOMPARE(events.take().trimmed(), QString(start + eventsAfterStart).trimmed());
-        QCOMPARE(ranAt, place);
-        if (task.isFinished())
-            return;
-
-        task.finish(Error(Timeout));
-        QCOMPARE(events.take(), u"errorChanged(Timeout) "_s + endOfRun);
+        QCOMPARE(events.take().trimmed(), QString(start + row.eventsAfterStart).trimmed());
+        QCOMPARE(place, row.place);
+        if (task.isRunning())
+            task.finish(Error(Timeout));
     }
 
     void functionAndFactoryStandSideBySide()
     {
-        int plainRuns = 0;
-        int factoryRuns = 0;
-        Task task([&] {
-            ++plainRuns;
-            return Error();
-        });
+        EventLog runs;
+        Task task([&] { return runs.add(u"function"_s), Error(); });
         task.setFunction([&]() -> QCoro::Task<Error> {
-            ++factoryRuns;
+            runs.add(u"factory"_s);
             co_return Error();
         });
-        QCOMPARE(task.executionMode(), Task::Coroutine);
         task.exec();
-        QVERIFY(task.isSuccessful());
-        QCOMPARE(plainRuns, 0);
-        QCOMPARE(factoryRuns, 1);
-
         task.setExecutionMode(Task::Synchronous);
         task.exec();
-        QVERIFY(task.isSuccessful());
-        QCOMPARE(plainRuns, 1);
-        QCOMPARE(factoryRuns, 1);
-    }
-
-    void handlerThatEndsTheTaskStartsNothing_data()
-    {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<QString>("event");
-        for (const char *event : {"stateChanged(Running)", "started", "restarted"}) {
-            for (const int mode : {Task::Synchronous, Task::WorkingThread, Task::Coroutine, Task::Asynchronous})
-                QTest::addRow("mode %d, %s", mode, event) << mode << QString::fromLatin1(event);
-        }
+        QCOMPARE(runs.take(), u"factory function"_s);
     }
 
     void handlerThatEndsTheTaskStartsNothing()
     {
-        QFETCH(int, mode);
-        QFETCH(QString, event);
-        int runs = 0;
-        Task task;
-        task.exec(); // so that there is a restart
-        task.setFunction([&]() -> QCoro::Task<Error> {
-            ++runs;
-            co_return Error();
-        });
-        task.setFunction(
-            [&] {
-                ++runs;
-                return Error();
-            },
-            Task::ExecutionMode(mode));
-
-        EventLog events(&task);
-        events.on(event, [&] { task.finish(Error(Timeout)); });
-        task.exec();
-        QVERIFY(task.isFinished());
-        drainEvents();
-        QCOMPARE(runs, 0);
-        QVERIFY(task.error().equals(Timeout));
-        QCOMPARE(events.take().count(u" finished"), 1);
+        for (const QString &event : {u"stateChanged(Running)"_s, u"started"_s, u"restarted"_s}) {
+            for (const auto mode : allModes) {
+                int runs = 0;
+                Task task;
+                task.exec(); // so that there is a restart
+                task.setFunction([&]() -> QCoro::Task<Error> {
+                    ++runs;
+                    co_return Error();
+                });
+                task.setFunction([&] { return ++runs, Error(); }, mode);
+                EventLog events(&task);
+                events.on(event, [&] { task.finish(Error(Timeout)); });
+                task.exec();
+                QVERIFY(task.isFinished());
+                drainEvents();
+                QCOMPARE(runs, 0);
+                QVERIFY(task.error().equals(Timeout));
+                QCOMPARE(events.take().count(u" finished"), 1);
+            }
+        }
     }
 
     void workOfATaskThatDoesNotRunIsRefused()
     {
         bool ran = false;
-        OpenTask task([&] {
-            ran = true;
-            return Error();
-        });
-        QCOMPARE(task.doExec(), Error(GeneralError, u"Task is not running"_s));
-
+        Task task([&] { return ran = true, Error(); });
         EventLog events(&task);
         events.on(u"started"_s, [&] { task.pause(); });
         task.exec();
         QCOMPARE(task.error(), Error(GeneralError, u"Task is not running"_s));
-        QVERIFY(task.isFinished());
-        QVERIFY(!ran);
+        QVERIFY(task.isFinished() && !ran);
     }
 
     void workMayEndItsOwnTask()
     {
-        Task task([](Task *self) {
-            self->finish(Error(Timeout));
-            return Error(GeneralError);
-        });
         for (const auto mode : {Task::Synchronous, Task::Asynchronous}) {
-            task.setExecutionMode(mode);
+            Task task([](Task *self) { return self->finish(Error(Timeout)), Error(GeneralError); }, mode);
             EventLog events(&task);
             task.exec();
             QVERIFY(task.error().equals(Timeout));
@@ -236,29 +170,20 @@ private Q_SLOTS:
         }
     }
 
-    void lateResultDoesNotEndALaterRun_data()
-    {
-        QTest::addColumn<bool>("throughIdle");
-        QTest::newRow("finished and run again") << false;
-        QTest::newRow("set idle and run again") << true;
-    }
-
     void lateResultDoesNotEndALaterRun()
     {
-        QFETCH(bool, throughIdle);
-        int runs = 0;
-        Task task([&](Task *self) {
-            if (++runs > 1)
-                return Error();
-            throughIdle ? self->setIdle() : self->finish();
-            self->setExecutionMode(Task::Asynchronous);
-            self->exec();
-            return Error(GeneralError, u"of the first run"_s);
-        });
-        task.exec();
-        QVERIFY(task.isRunning());
-        task.finish();
-        QVERIFY(task.isSuccessful());
+        for (const bool throughIdle : {false, true}) {
+            Task task([&](Task *self) {
+                throughIdle ? self->setIdle() : self->finish();
+                self->setFunction([] { return Error(); }, Task::Asynchronous);
+                self->exec();
+                return Error(GeneralError, u"of the first run"_s);
+            });
+            task.exec();
+            QVERIFY(task.isRunning());
+            task.finish();
+            QVERIFY(task.isSuccessful());
+        }
     }
 
     void replacedFunctionLivesToItsEnd()
@@ -278,23 +203,13 @@ private Q_SLOTS:
 
     void exceptionLeavesTheTaskRunning()
     {
-        bool throws = true;
-        Task task;
         for (const auto mode : {Task::Synchronous, Task::Asynchronous}) {
-            throws = true;
-            task.setFunction(
-                [&] {
-                    if (throws)
-                        throw std::runtime_error("work");
-                    return Error(Timeout);
-                },
-                mode);
+            Task task([]() -> Error { throw std::runtime_error("work"); }, mode);
             QVERIFY_THROWS_EXCEPTION(std::runtime_error, task.exec());
             QVERIFY(task.isRunning());
-            throws = false;
+            task.setFunction([] { return Error(Timeout); });
             task.exec();
-            QVERIFY(task.isFinished());
-            QVERIFY(task.error().equals(Timeout));
+            QVERIFY(task.isFinished() && task.error().equals(Timeout));
         }
     }
 
@@ -302,40 +217,30 @@ private Q_SLOTS:
     {
         for (const auto mode : {Task::Synchronous, Task::WorkingThread, Task::Coroutine}) {
             Task task;
-            task.setFunction(std::function<QCoro::Task<Error>()>());
-            task.setFunction(std::function<Error()>(), mode);
-            task.exec();
-            QTRY_VERIFY(task.isSuccessful());
             task.setFunction(std::function<QCoro::Task<Error>(Task *)>());
-            task.setFunction(std::function<Error(Task *)>(), mode);
+            task.setFunction(std::function<Error()>(), mode);
             task.exec();
             QTRY_VERIFY(task.isSuccessful());
         }
     }
 
-    void handlerMayDeleteTheTask_data()
-    {
-        QTest::addColumn<int>("mode");
-        for (const int mode : {Task::Synchronous, Task::WorkingThread, Task::Coroutine, Task::Asynchronous})
-            QTest::addRow("mode %d", mode) << mode;
-    }
-
     void handlerMayDeleteTheTask()
     {
-        QFETCH(int, mode);
-        const auto makeTask = [mode] {
-            auto *task = new Task([] { return Error(GeneralError); }, Task::ExecutionMode(mode));
-            task->setFunction([]() -> QCoro::Task<Error> { co_return Error(Canceled); });
-            task->setExecutionMode(Task::ExecutionMode(mode));
-            task->setFinished(); // for a restart
-            return task;
-        };
-        const auto exec = [](BaseTask *task) {
-            const QPointer<BaseTask> guard = task;
-            static_cast<Task *>(task)->exec();
-            QVERIFY(QTest::qWaitFor([&] { return !guard || guard->isFinished(); }));
-        };
-        QCOMPARE(eventsAfterDeletion(makeTask, exec), QString());
+        for (const auto mode : allModes) {
+            const auto makeTask = [mode] {
+                auto *task = new Task([] { return Error(GeneralError); });
+                task->setFunction([]() -> QCoro::Task<Error> { co_return Error(Canceled); });
+                task->setExecutionMode(mode);
+                task->setFinished(); // for a restart
+                return task;
+            };
+            const auto exec = [](BaseTask *task) {
+                const QPointer<BaseTask> guard = task;
+                static_cast<Task *>(task)->exec();
+                QVERIFY(QTest::qWaitFor([&] { return !guard || guard->isFinished(); }));
+            };
+            QCOMPARE(eventsAfterDeletion(makeTask, exec), QString());
+        }
     }
 
     void destructionIsAnnouncedWhileTheTaskIsWhole()

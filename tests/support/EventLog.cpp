@@ -1,6 +1,7 @@
 #include "EventLog.h"
 
 #include <QMetaEnum>
+#include <QMetaMethod>
 
 #include <algorithm>
 #include <utility>
@@ -13,68 +14,46 @@ namespace {
 template <typename Value>
 QString argumentText(const Value &value)
 {
-    return QString::number(value);
-}
-
-QString argumentText(const QString &value)
-{
-    return value;
-}
-
-QString argumentText(const Error &error)
-{
-    return Error::codeName(error.code());
-}
-
-QString argumentText(BaseTask::State state)
-{
-    return QString::fromLatin1(QMetaEnum::fromType<BaseTask::State>().valueToKey(state));
-}
-
-QString argumentText(TasksQueue::State state)
-{
-    return QStringList({u"Idle"_s, u"Working"_s, u"Paused"_s}).value(state);
+    if constexpr (std::is_same_v<Value, Error>)
+        return Error::codeName(value.code());
+    else if constexpr (std::is_same_v<Value, BaseTask::State>)
+        return QString::fromLatin1(QMetaEnum::fromType<BaseTask::State>().valueToKey(value));
+    else if constexpr (std::is_same_v<Value, TasksQueue::State>)
+        return QStringList({u"Idle"_s, u"Working"_s, u"Paused"_s}).value(value);
+    else if constexpr (std::is_same_v<Value, QString>)
+        return value;
+    else
+        return QString::number(value);
 }
 
 template <typename Sender, typename... Arguments>
-void record(EventLog *log, QObject *context, Sender *sender, void (Sender::*signal)(Arguments...), const QString &name)
+void record(EventLog *log, QObject *context, const QString &who, std::type_identity_t<Sender> *sender,
+            void (Sender::*signal)(Arguments...))
 {
-    QObject::connect(
-        sender, signal, context,
-        [log, name](const std::decay_t<Arguments> &...arguments) {
-            const QStringList texts{argumentText(arguments)...};
-            log->add(texts.isEmpty() ? name : name + u'(' + texts.join(u',') + u')');
-        },
-        Qt::DirectConnection);
+    const QString name = (who.isEmpty() ? who : who + u':')
+        + QString::fromLatin1(QMetaMethod::fromSignal(signal).name());
+    const auto add = [log, name](const std::decay_t<Arguments> &...arguments) {
+        const QStringList texts{argumentText(arguments)...};
+        log->add(texts.isEmpty() ? name : name + u'(' + texts.join(u',') + u')');
+    };
+    QObject::connect(sender, signal, context, add, Qt::DirectConnection);
 }
 
 } // namespace
 
 void EventLog::watch(BaseTask *task, const QString &who)
 {
-    const QString prefix = who.isEmpty() ? QString() : who + u':';
-    record<ErrorCancelable>(this, &m_context, task, &ErrorCancelable::errorChanged, prefix + u"errorChanged"_s);
-    record<ErrorCancelable>(this, &m_context, task, &ErrorCancelable::canceled, prefix + u"canceled"_s);
-    record(this, &m_context, task, &BaseTask::finalizing, prefix + u"finalizing"_s);
-    record(this, &m_context, task, &BaseTask::finished, prefix + u"finished"_s);
-    record(this, &m_context, task, &BaseTask::progressInitiated, prefix + u"progressInitiated"_s);
-    record(this, &m_context, task, &BaseTask::progress, prefix + u"progress"_s);
-    record(this, &m_context, task, &BaseTask::progressTextChanged, prefix + u"progressTextChanged"_s);
-    record(this, &m_context, task, &BaseTask::stateChanged, prefix + u"stateChanged"_s);
-    record(this, &m_context, task, &BaseTask::paused, prefix + u"paused"_s);
-    record(this, &m_context, task, &BaseTask::resumed, prefix + u"resumed"_s);
-    record(this, &m_context, task, &BaseTask::started, prefix + u"started"_s);
-    record(this, &m_context, task, &BaseTask::restarted, prefix + u"restarted"_s);
-    if (auto *executable = qobject_cast<Task *>(task)) {
-        record(this, &m_context, executable, &Task::priorityChanged, prefix + u"priorityChanged"_s);
-        record(this, &m_context, executable, &Task::aboutToDestroy, prefix + u"aboutToDestroy"_s);
-    }
+    const auto recordAll = [&](auto *sender, auto... signal) { (record(this, &m_context, who, sender, signal), ...); };
+    recordAll(task, &ErrorCancelable::errorChanged, &ErrorCancelable::canceled, &BaseTask::finalizing,
+              &BaseTask::finished, &BaseTask::progressInitiated, &BaseTask::progress, &BaseTask::progressTextChanged,
+              &BaseTask::stateChanged, &BaseTask::paused, &BaseTask::resumed, &BaseTask::started, &BaseTask::restarted);
+    if (auto *executable = qobject_cast<Task *>(task))
+        recordAll(executable, &Task::priorityChanged, &Task::aboutToDestroy);
 }
 
 void EventLog::watch(TasksQueue *queue, const QString &who)
 {
-    const QString prefix = who.isEmpty() ? QString() : who + u':';
-    record(this, &m_context, queue, &TasksQueue::stateChanged, prefix + u"stateChanged"_s);
+    record(this, &m_context, who, queue, &TasksQueue::stateChanged);
 }
 
 void EventLog::add(const QString &event)

@@ -3,11 +3,7 @@
 #include <zel/tasks/BaseTask.h>
 #include <zel/tasks/TasksQueue.h>
 
-#include <QList>
 #include <QMutex>
-#include <QObject>
-#include <QString>
-#include <QStringList>
 
 #include <functional>
 
@@ -21,7 +17,7 @@ public:
     EventLog() = default;
     explicit EventLog(zel::BaseTask *task) { watch(task); }
 
-    /// Records every signal of the task, as "who:signal" when \a who is given.
+    /// Records every signal, as "who:signal" when \a who is given.
     void watch(zel::BaseTask *task, const QString &who = QString());
     void watch(zel::TasksQueue *queue, const QString &who = QString());
     /// Drops all later events but these, given as "signal" or as "who:signal".
@@ -29,9 +25,8 @@ public:
     /// Records something that is no signal.
     void add(const QString &event);
 
-    /// Runs \a reaction once, at the next \a event.
+    /// Runs \a reaction once, at the next \a event, or at the event number \a index, counted from zero.
     void on(const QString &event, std::function<void()> reaction);
-    /// Runs \a reaction once, at the event number \a index, counted from zero.
     void at(int index, std::function<void()> reaction);
 
     QStringList events() const;

@@ -7,52 +7,22 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
+static QMutex mutex;
+static QStringList lines;
+static QtMessageHandler previousHandler = nullptr;
 
-QMutex mutex;
-QStringList lines;
-QtMessageHandler previousHandler = nullptr;
-
-QString levelName(QtMsgType type)
-{
-    switch (type) {
-    case QtDebugMsg:
-        return u"debug"_s;
-    case QtInfoMsg:
-        return u"info"_s;
-    case QtWarningMsg:
-        return u"warning"_s;
-    case QtCriticalMsg:
-        return u"critical"_s;
-    case QtFatalMsg:
-        break;
-    }
-    return u"fatal"_s;
-}
-
-void handleMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
+static void handleMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     if (qstrcmp(context.category, "zel.tasks") != 0)
         return previousHandler(type, context, message);
+    const QString level = QStringList({u"debug"_s, u"warning"_s, u"critical"_s, u"fatal"_s, u"info"_s}).value(type);
     const QMutexLocker locker(&mutex);
-    lines.append(levelName(type) + u' ' + message);
+    lines.append(level + u' ' + message);
 }
 
-QStringList ofLevel(const QStringList &taken, const QString &level)
+LogCapture::LogCapture()
 {
-    QStringList result;
-    for (const QString &line : taken) {
-        if (line.startsWith(level))
-            result.append(line.mid(level.size()));
-    }
-    return result;
-}
-
-} // namespace
-
-LogCapture::LogCapture() : m_previous(qInstallMessageHandler(handleMessage))
-{
-    previousHandler = m_previous;
+    previousHandler = qInstallMessageHandler(handleMessage);
     take();
     QLoggingCategory::setFilterRules(u"zel.tasks=true"_s);
 }
@@ -60,7 +30,7 @@ LogCapture::LogCapture() : m_previous(qInstallMessageHandler(handleMessage))
 LogCapture::~LogCapture()
 {
     QLoggingCategory::setFilterRules(QString());
-    qInstallMessageHandler(m_previous);
+    qInstallMessageHandler(previousHandler);
 }
 
 QStringList LogCapture::take()
@@ -69,13 +39,12 @@ QStringList LogCapture::take()
     return std::exchange(lines, {});
 }
 
-QString LogCapture::takeInfos()
+QStringList LogCapture::take(const QString &level)
 {
-    const QStringList infos = ofLevel(take(), u"info "_s);
-    return infos.isEmpty() ? QString() : u'\n' + infos.join(u'\n');
-}
-
-QStringList LogCapture::takeWarnings()
-{
-    return ofLevel(take(), u"warning "_s);
+    QStringList result;
+    for (const QString &line : take()) {
+        if (line.startsWith(level + u' '))
+            result.append(line.mid(level.size() + 1));
+    }
+    return result;
 }

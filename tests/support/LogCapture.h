@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QMessageLogger>
 #include <QString>
 #include <QStringList>
 
@@ -16,11 +15,7 @@ public:
 
     /// The lines since the last call.
     QStringList take();
-    /// Of the lines since the last call those of the level info, without it, each with a line feed before it.
-    QString takeInfos();
-    /// Of the lines since the last call those of the level warning, without it.
-    QStringList takeWarnings();
-
-private:
-    QtMessageHandler m_previous;
+    /// Of the lines since the last call those of \a level, without it.
+    QStringList take(const QString &level);
+    QStringList takeWarnings() { return take(QStringLiteral("warning")); }
 };
