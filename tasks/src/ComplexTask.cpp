@@ -26,7 +26,8 @@ public:
     explicit Private(ComplexTask *task) : q(task) { }
 
     void setupGroupTask(GroupTask *group);
-    void onGroupFinished(const GroupTask *group, quint64 run);
+    void onGroupFinished(const GroupTask *group, quint64 use);
+    void beginRun();
     void connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure);
     QList<Admitted> admit(const QList<Task *> &tasks);
     static void startDirectly(const QList<Admitted> &subtasks);
@@ -34,28 +35,37 @@ public:
 
     QPointer<GroupTask> groupTask;
     ComplexTask *const q;
+    bool hasRun = false; ///< the group has been used by a run
 };
 
 void ComplexTask::Private::setupGroupTask(GroupTask *group)
 {
     groupTask = group;
     group->setCancelSubtasksMode(GroupTask::CancelSubtasks);
-    // Posted with the run in which the group ended, so that no later run is ended by it.
+    // Posted with the use of the group that has ended, so that the end of no later one is taken for it.
     connect(
         group, &GroupTask::finished, q,
         [this, group] {
-            const quint64 run = BaseTask::Private::of(q)->run;
-            QMetaObject::invokeMethod(
-                q, [this, ended = QPointer<GroupTask>(group), run] { onGroupFinished(ended, run); },
-                Qt::QueuedConnection);
+            const auto onFinished = [this, ended = QPointer<GroupTask>(group),
+                                     use = GroupTask::Private::of(group)->link->use.load()] {
+                onGroupFinished(ended, use);
+            };
+            QMetaObject::invokeMethod(q, onFinished, Qt::QueuedConnection);
         },
         Qt::DirectConnection);
 }
 
-void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 run)
+void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use)
 {
-    if (group && group == groupTask && BaseTask::Private::of(q)->run == run)
+    if (group && group == groupTask && GroupTask::Private::of(group)->link->use == use)
         q->finish(group->error());
+}
+
+// A task that was set idle after a run, as a queue wants it, is run again as well.
+void ComplexTask::Private::beginRun()
+{
+    if (q->isFinished() || (q->isIdle() && hasRun))
+        GroupTask::Private::of(groupTask)->startAfresh();
 }
 
 void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess,
@@ -119,10 +129,11 @@ void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks)
             subtask.task->finish(Error(GeneralError, ComplexTask::tr("The queue did not take the task.")));
     }
     for (const Admitted &subtask : std::as_const(complexTasks)) {
-        if (subtask.task)
-            subtask.task->setQueue(queue);
+        if (!subtask.isToBeStarted())
+            continue;
+        subtask.task->setQueue(queue);
+        subtask.task->exec();
     }
-    startDirectly(complexTasks);
 }
 
 ComplexTask::ComplexTask(const QString &name, QObject *parent) : Task(parent), d(std::make_unique<Private>(this))
@@ -151,10 +162,11 @@ void ComplexTask::setName(const QString &name)
 void ComplexTask::exec()
 {
     const QPointer<ComplexTask> self(this);
-    if (isFinished())
-        GroupTask::Private::of(d->groupTask)->startAfresh();
-    if (self)
-        d->groupTask->setWaitMode(waitMode());
+    d->beginRun();
+    if (!self)
+        return;
+    d->hasRun = true;
+    d->groupTask->setWaitMode(waitMode());
     if (self)
         Task::exec();
 }
@@ -177,6 +189,7 @@ void ComplexTask::setGroupTask(GroupTask *group)
     if (!group || group == d->groupTask)
         return;
     const QPointer<GroupTask> replaced = d->groupTask;
+    GroupTask::Private::of(replaced)->handOverContainers(group);
     d->setupGroupTask(group);
     delete replaced;
 }

@@ -21,8 +21,9 @@ Error CustomComplexTask::doExec()
     const QPointer<GroupTask> group = groupTask();
     const quint64 admissions = GroupTask::Private::of(group)->admissions;
     const Error error = doExecSubtasks();
-    // Nobody would ever end a group to which nothing came.
-    if (self && !error.hasError() && group == groupTask() && GroupTask::Private::of(group)->admissions == admissions)
+    // Nobody would ever end a group to which nothing came. It may be another one now.
+    if (self && !error.hasError()
+        && !GroupTask::Private::of(groupTask())->hasAdmitted(group == groupTask() ? admissions : 0))
         finish(NoError);
     return error;
 }

@@ -30,6 +30,9 @@ private:
     const std::shared_ptr<QRecursiveMutex> m_mutex;
 };
 
+/// Guards the containers of all groups: they are walked from the inside outwards, the groups' locks taken inwards.
+constinit QBasicMutex containersMutex;
+
 } // namespace
 
 void GroupLink::deliver(const std::function<void()> &call, Qt::ConnectionType type)
@@ -45,18 +48,18 @@ void GroupLink::deliver(const std::function<void()> &call, Qt::ConnectionType ty
     QMetaObject::invokeMethod(group, call, type);
 }
 
-void GroupTask::Private::onChildStarted(const Child &child)
+void GroupTask::Private::onChildStarted(const Child &child, quint64 use)
 {
     const GroupLocker locker(mutex);
-    if (child->isListed && child->isFinished)
+    child->hasShare = true;
+    setStarted(child);
+    if (child->isListed)
         setPending(child, true);
-    if (std::exchange(child->isUnstarted, false))
-        unstarted.erase(child->unstarted);
-    if (q->isIdle())
+    if (use == link->use && q->isIdle())
         q->setRunning();
 }
 
-void GroupTask::Private::onChildFinished(const Child &child, quint64 starts, const Error &error)
+void GroupTask::Private::onChildFinished(const Child &child, quint64 starts, quint64 use, const Error &error)
 {
     const QPointer<GroupTask> self(q);
     const GroupLocker locker(mutex);
@@ -65,19 +68,20 @@ void GroupTask::Private::onChildFinished(const Child &child, quint64 starts, con
     BaseTask *task = child->task;
     if (child->isListed) {
         setPending(child, false);
+        child->handledStarts = starts;
         if (cleanupPolicy == DeleteWhenFinished)
             unlist(child);
     }
     if (task && !lists(task))
         task->deleteLater();
-    if (q->isFinished())
+    if (q->isFinished() || use != link->use)
         return;
 
     if (error.hasError()) {
         switch (childFailurePolicy) {
         case FailFast:
             q->finish(error);
-            if (self)
+            if (self && use == link->use)
                 cancelUnfinishedChildren();
             return;
         case ContinueOnFailure:
@@ -98,7 +102,7 @@ void GroupTask::Private::onChildFinished(const Child &child, quint64 starts, con
 void GroupTask::Private::onChildProgress(const Child &child, int value, int total)
 {
     const GroupLocker locker(mutex);
-    if (!child->isListed)
+    if (!child->isListed || !child->hasShare)
         return;
     progressValue += quint32(value) - std::exchange(child->value, quint32(value));
     progressTotal += quint32(total) - std::exchange(child->total, quint32(total));
@@ -115,6 +119,7 @@ void GroupTask::Private::startAfresh()
 {
     const QPointer<GroupTask> self(q);
     const GroupLocker locker(mutex);
+    ++link->use;
     errors.clear();
     zeroProgressReported = false;
     q->setCanceled(false);
@@ -130,15 +135,25 @@ bool GroupTask::Private::lists(const BaseTask *task) const
     return child && child->isListed && child->task == task;
 }
 
+bool GroupTask::Private::hasAdmitted(quint64 earlier) const
+{
+    const GroupLocker locker(mutex);
+    return admissions != earlier || isAnyStartedAgain();
+}
+
 void GroupTask::Private::appendTask(BaseTask *task)
 {
     if (!task || refuses(task))
         return;
     if (lists(task)) {
-        ++admissions;
+        // One that ended here and was set idle, to be started again.
+        const Child child = stays.value(task);
+        if (task->isIdle())
+            setPending(child, true);
+        admissions += !child->isFinished;
         return;
     }
-    if (q->isCanceled()) {
+    if (q->isCanceled() || isCanceling) {
         task->cancel();
         return;
     }
@@ -159,8 +174,8 @@ void GroupTask::Private::appendTask(BaseTask *task)
         child->value = earlier->value;
         child->total = earlier->total;
     }
-    if (const auto group = qobject_cast<GroupTask *>(task)) {
-        const GroupLocker nestedLocker(of(group)->mutex);
+    if (GroupTask *group = groupOf(task)) {
+        const QMutexLocker locker(&containersMutex);
         of(group)->containers.append(q);
     }
 
@@ -168,41 +183,56 @@ void GroupTask::Private::appendTask(BaseTask *task)
     Q_EMIT q->taskAppended(task);
     if (!self || !child->isListed || !child->task)
         return;
-    if (task->isFinished()) {
-        reportEnd(link, child, task->error(), connectionType);
-        return;
-    }
-    addShare(child);
+    if (!task->isFinished())
+        addShare(child);
     if (self && child->isListed && child->task)
         connectChild(child);
 }
 
-// Up through the groups that contain this one.
-bool GroupTask::Private::refuses(const BaseTask *task) const
+GroupTask *GroupTask::Private::groupOf(BaseTask *task)
 {
+    if (const auto complexTask = qobject_cast<ComplexTask *>(task))
+        return complexTask->groupTask();
+    return qobject_cast<GroupTask *>(task);
+}
+
+// Of a complex task, which gets another group.
+void GroupTask::Private::handOverContainers(GroupTask *successor)
+{
+    const QMutexLocker locker(&containersMutex);
+    of(successor)->containers.append(std::exchange(containers, {}));
+}
+
+// Up through the groups that contain this one.
+bool GroupTask::Private::refuses(BaseTask *task) const
+{
+    const GroupTask *refused = groupOf(task);
+    if (!refused)
+        return false;
     QSet<const GroupTask *> seen;
     QList<const GroupTask *> open{q};
-    while (!open.isEmpty()) {
+    QMutexLocker locker(&containersMutex);
+    while (!open.isEmpty() && !seen.contains(refused)) {
         const GroupTask *group = open.takeLast();
-        if (!group || seen.contains(group))
+        if (seen.contains(group))
             continue;
-        if (group == task) {
-            qCWarning(tasksLog) << "Task" << task->name() << "cannot be a child of group" << q->name()
-                                << "which it is or contains";
-            return true;
-        }
         seen.insert(group);
-        const GroupLocker locker(of(group)->mutex);
-        for (const QPointer<GroupTask> &container : std::as_const(of(group)->containers))
+        for (const GroupTask *container : std::as_const(of(group)->containers))
             open.append(container);
     }
-    return false;
+    locker.unlock();
+    if (!seen.contains(refused))
+        return false;
+    qCWarning(tasksLog) << "Task" << task->name() << "cannot be a child of group" << q->name()
+                        << "which it is or contains";
+    return true;
 }
 
 void GroupTask::Private::addShare(const Child &child)
 {
     const int value = child->task->currentProgress();
     const int total = child->task->totalProgress();
+    child->hasShare = true;
     progressValue += quint32(value) - std::exchange(child->value, quint32(value));
     progressTotal += quint32(total) - std::exchange(child->total, quint32(total));
     q->setProgress(int(progressValue), int(progressTotal));
@@ -211,7 +241,8 @@ void GroupTask::Private::addShare(const Child &child)
 void GroupTask::Private::connectChild(const Child &child)
 {
     BaseTask *task = child->task;
-    if (task->isIdle()) {
+    // One that was paused before its start gets idle again.
+    if (task->isIdle() || task->isPaused()) {
         child->isUnstarted = true;
         child->unstarted = unstarted.insert(unstarted.end(), child);
     }
@@ -220,7 +251,7 @@ void GroupTask::Private::connectChild(const Child &child)
     const auto onStarted = [this, toGroup = link, child, type = connectionType] {
         ++child->starts;
         child->isEndReported = false;
-        toGroup->deliver([this, child] { onChildStarted(child); }, type);
+        toGroup->deliver([this, child, use = toGroup->use.load()] { onChildStarted(child, use); }, type);
     };
     const auto onFinished = [this, toGroup = link, child, task, type = connectionType] {
         reportEnd(toGroup, child, task->error(), type);
@@ -232,7 +263,7 @@ void GroupTask::Private::connectChild(const Child &child)
             task, &BaseTask::progress, q, [this, child](int value, int total) { onChildProgress(child, value, total); },
             connectionType),
     };
-    // It may have finished on another thread before the connections were there.
+    // It came finished, or has finished on another thread before the connections were there.
     if (task->isFinished())
         reportEnd(link, child, task->error(), connectionType);
 }
@@ -243,20 +274,29 @@ void GroupTask::Private::reportEnd(const std::shared_ptr<GroupLink> &toGroup, co
 {
     if (child->isEndReported.exchange(true))
         return;
-    toGroup->deliver([this, child, starts = child->starts.load(), error] { onChildFinished(child, starts, error); },
-                     type);
+    const auto handle = [this, child, starts = child->starts.load(), use = toGroup->use.load(), error] {
+        onChildFinished(child, starts, use, error);
+    };
+    toGroup->deliver(handle, type);
 }
 
 void GroupTask::Private::checkFinished()
 {
     if (waitMode == NoWait)
         return;
-    while (!pending.empty() && !pending.front()->task)
+    while (!pending.empty() && pending.front()->isGone())
         setPending(pending.front(), false);
-    if (!pending.empty())
+    if (!pending.empty() || isAnyStartedAgain())
         return;
     cleanup();
     q->finish(Error(NoError));
+}
+
+// What tells the group of it is on its way.
+bool GroupTask::Private::isAnyStartedAgain() const
+{
+    return std::any_of(children.cbegin(), children.cend(),
+                       [](const Child &child) { return child->starts != child->handledStarts && !child->isGone(); });
 }
 
 void GroupTask::Private::cleanup()
@@ -282,19 +322,24 @@ void GroupTask::Private::setPending(const Child &child, bool isPending)
         pending.erase(child->pending);
 }
 
+void GroupTask::Private::setStarted(const Child &child)
+{
+    if (std::exchange(child->isUnstarted, false))
+        unstarted.erase(child->unstarted);
+}
+
 void GroupTask::Private::unlist(const Child &child)
 {
     if (!std::exchange(child->isListed, false))
         return;
     const Child held = child;
     setPending(held, false);
-    if (std::exchange(held->isUnstarted, false))
-        unstarted.erase(held->unstarted);
+    setStarted(held);
     children.erase(held->listed);
     for (const QMetaObject::Connection &connection : std::exchange(held->connections, {}))
         QObject::disconnect(connection);
-    if (const auto group = qobject_cast<GroupTask *>(held->task.data())) {
-        const GroupLocker nestedLocker(of(group)->mutex);
+    if (GroupTask *group = groupOf(held->task)) {
+        const QMutexLocker locker(&containersMutex);
         of(group)->containers.removeAll(q);
     }
 }
@@ -308,8 +353,11 @@ void GroupTask::Private::cancelUnfinishedChildren()
 void GroupTask::Private::cancelIdleChildren()
 {
     QList<Child> idle;
-    for (const Child &child : std::exchange(unstarted, {})) {
-        child->isUnstarted = false;
+    for (auto next = unstarted.cbegin(); next != unstarted.cend();) {
+        const Child child = *next++;
+        if (child->task && child->task->isPaused())
+            continue;
+        setStarted(child);
         if (child->task && child->task->isIdle())
             idle.append(child);
     }
@@ -319,13 +367,11 @@ void GroupTask::Private::cancelIdleChildren()
 void GroupTask::Private::stop(QList<Child> stopped, CancelSubtasksMode mode)
 {
     stopped.removeIf([](const Child &child) { return !child->task || child->task->isFinished(); });
-    // Idle ones first, and no queue starts one of them in the place of another.
-    std::stable_partition(stopped.begin(), stopped.end(), [](const Child &child) { return child->task->isIdle(); });
+    if (mode == FinishSubtasks)
+        std::stable_partition(stopped.begin(), stopped.end(), [](const Child &child) { return child->task->isIdle(); });
+    // No queue starts one of them in the place of another.
     QSet<TasksQueue *> queues;
-    for (const Child &child : std::as_const(stopped)) {
-        if (TasksQueue *queue = child->task->queue())
-            queues.insert(queue);
-    }
+    addQueues(stopped, queues);
     const TasksQueueHold hold(queues);
 
     const QPointer<GroupTask> self(q);
@@ -344,13 +390,25 @@ void GroupTask::Private::stop(QList<Child> stopped, CancelSubtasksMode mode)
         dropStopped(stopped);
 }
 
+void GroupTask::Private::addQueues(const auto &stopped, QSet<TasksQueue *> &queues)
+{
+    for (const Child &child : stopped) {
+        BaseTask *task = child->task;
+        if (!task)
+            continue;
+        if (TasksQueue *queue = task->queue())
+            queues.insert(queue);
+        if (const GroupTask *group = groupOf(task)) {
+            const GroupLocker locker(of(group)->mutex);
+            addQueues(of(group)->children, queues);
+        }
+    }
+}
+
 void GroupTask::Private::stopQuietly(BaseTask *task)
 {
     const QPointer<BaseTask> guarded(task);
-    GroupTask *group = qobject_cast<GroupTask *>(task);
-    if (const auto complexTask = qobject_cast<ComplexTask *>(task))
-        group = complexTask->groupTask();
-    if (group) {
+    if (const GroupTask *group = groupOf(task)) {
         const GroupLocker locker(of(group)->mutex);
         of(group)->stop({of(group)->children.cbegin(), of(group)->children.cend()}, FinishSubtasks);
     }
@@ -368,6 +426,7 @@ void GroupTask::Private::dropStopped(const QList<Child> &stopped)
         if (!child->isListed || (child->task && !child->task->isFinished()))
             continue;
         setPending(child, false);
+        child->handledStarts = child->starts;
         if (cleanupPolicy == DeleteWhenFinished)
             unlist(child);
         if (const auto task = qobject_cast<Task *>(child->task.data()))
@@ -377,7 +436,13 @@ void GroupTask::Private::dropStopped(const QList<Child> &stopped)
     }
 }
 
-GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this)) { }
+GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this))
+{
+    connect(this, &BaseTask::stateChanged, this, [this](State state) {
+        if (previousState() == Finished && state != Finished)
+            ++d->link->use;
+    });
+}
 
 GroupTask::~GroupTask()
 {
@@ -520,10 +585,17 @@ void GroupTask::cancel()
         return;
     const QPointer<GroupTask> self(this);
     const GroupLocker locker(d->mutex);
+    // A child whose handlers cancel the group when it ends would begin all this again.
+    if (std::exchange(d->isCanceling, true))
+        return;
+    const quint64 use = d->link->use;
     d->cancelUnfinishedChildren();
     if (self)
         BaseTask::cancel();
-    if (self)
+    if (!self)
+        return;
+    d->isCanceling = false;
+    if (use == d->link->use)
         d->cleanup();
 }
 

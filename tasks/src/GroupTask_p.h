@@ -6,6 +6,7 @@
 #include <QList>
 #include <QMutex>
 #include <QPointer>
+#include <QSet>
 
 #include <array>
 #include <atomic>
@@ -30,13 +31,18 @@ struct GroupChild {
     bool isFinished = false;  ///< its end was handled, or it was stopped quietly
     bool isUnstarted = false; ///< stands in the list of those that have not started
     List::iterator unstarted;
-    quint32 value = 0; ///< its share of the sums
+    quint64 handledStarts = 0; ///< starts, when its end was handled
+    bool hasShare = false;     ///< its progress counts: not that of one that came finished and has not started again
+    quint32 value = 0;         ///< its share of the sums
     quint32 total = 0;
     std::array<QMetaObject::Connection, 3> connections;
     /// How often it was started, as seen on its thread: tells a late end from that of the present run.
     std::atomic<quint64> starts{0};
     /// The end of the present run was taken note of.
     std::atomic<bool> isEndReported{false};
+
+    /// Destroyed, and no end of it is on its way to the group.
+    bool isGone() const { return !task && !isEndReported; }
 };
 
 /// How children in other threads reach their group, and find that it is gone.
@@ -46,6 +52,8 @@ struct GroupLink {
 
     QMutex mutex;
     GroupTask *group; ///< null once it is being destroyed
+    /// Changes when the group begins anew: what was emitted before does not act on it.
+    std::atomic<quint64> use{0};
 };
 
 class Q_DECL_HIDDEN GroupTask::Private {
@@ -57,26 +65,34 @@ public:
     static Private *of(const GroupTask *group) { return group->d.get(); }
 
     // These take the lock.
-    void onChildStarted(const Child &child);
-    void onChildFinished(const Child &child, quint64 starts, const Error &error);
+    void onChildStarted(const Child &child, quint64 use);
+    void onChildFinished(const Child &child, quint64 starts, quint64 use, const Error &error);
     void onChildProgress(const Child &child, int value, int total);
     void startAfresh();
     bool lists(const BaseTask *task) const;
+    /// Whether there is something to wait for since there were \a earlier admissions.
+    bool hasAdmitted(quint64 earlier) const;
+    /// The group that \a task is or has, null for other tasks.
+    static GroupTask *groupOf(BaseTask *task);
+    void handOverContainers(GroupTask *successor);
 
     // These are called with the lock held.
     void appendTask(BaseTask *task);
-    bool refuses(const BaseTask *task) const;
+    bool refuses(BaseTask *task) const;
     void addShare(const Child &child);
     void connectChild(const Child &child);
     void reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const Error &error,
                    Qt::ConnectionType type);
     void checkFinished();
+    bool isAnyStartedAgain() const;
     void cleanup();
     void setPending(const Child &child, bool isPending);
+    void setStarted(const Child &child);
     void unlist(const Child &child);
     void cancelUnfinishedChildren();
     void cancelIdleChildren();
     void stop(QList<Child> stopped, CancelSubtasksMode mode);
+    static void addQueues(const auto &stopped, QSet<TasksQueue *> &queues);
     void stopQuietly(BaseTask *task);
     void dropStopped(const QList<Child> &stopped);
 
@@ -93,8 +109,8 @@ public:
     GroupChild::List unstarted;
     /// The last stay of every task that was ever listed, by its address; another task may have that address now.
     QHash<const BaseTask *, Child> stays;
-    /// The groups that list this one.
-    QList<QPointer<GroupTask>> containers;
+    /// The groups that list this one, or the complex task that owns it. Guarded by a lock of its own.
+    QList<GroupTask *> containers;
     WaitMode waitMode = WaitAll;
     CleanupPolicy cleanupPolicy = DeleteWhenFinished;
     CancelSubtasksMode cancelSubtasksMode = FinishSubtasks;
@@ -102,10 +118,11 @@ public:
     Qt::ConnectionType connectionType = Qt::QueuedConnection;
     QList<Error> errors;
     bool zeroProgressReported = false;
+    bool isCanceling = false; ///< cancel() is at work
     /// Sums of the shares, of children that are gone too. Unsigned: they wrap.
     quint32 progressValue = 0;
     quint32 progressTotal = 0;
-    /// Calls of append() that found or left their task listed.
+    /// Calls of append() that found or left their task pending.
     quint64 admissions = 0;
 };
 
