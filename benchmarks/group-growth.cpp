@@ -47,7 +47,7 @@ void expect(bool isTrue, const char *what)
         qFatal("group-growth: %s", what);
 }
 
-/// A group and its children, which live until the object is destroyed: deletions that the group asks for are dropped.
+/// A group and its children, which live until the object is destroyed: nothing here handles deletions before.
 class Family {
 public:
     Family(int size, const Setting &setting)
@@ -56,35 +56,38 @@ public:
     {
         m_group.setCleanupPolicy(setting.cleanup);
         m_group.setChildFailurePolicy(GroupTask::ContinueOnFailure);
-        for (auto &child : m_children)
-            child = std::make_unique<Task>(Task::Asynchronous);
+        for (Task *&child : m_children)
+            child = new Task(Task::Asynchronous);
     }
     ~Family()
     {
-        for (const auto &child : m_children)
-            QCoreApplication::removePostedEvents(child.get(), QEvent::DeferredDelete);
+        if (m_group.cleanupPolicy() == GroupTask::SelfDelete)
+            qDeleteAll(m_children);
+        else
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
+    Q_DISABLE_COPY_MOVE(Family)
 
     void append()
     {
-        for (const auto &child : m_children)
-            m_group.append(child.get());
+        for (Task *child : m_children)
+            m_group.append(child);
     }
     void start()
     {
-        for (const auto &child : m_children)
+        for (Task *child : m_children)
             child->exec();
         QCoreApplication::sendPostedEvents(&m_group);
     }
     void progress()
     {
-        for (const auto &child : m_children)
+        for (Task *child : m_children)
             child->setProgress(1, 2);
         QCoreApplication::sendPostedEvents(&m_group);
     }
     void end()
     {
-        for (const auto &child : m_children)
+        for (Task *child : m_children)
             child->finish(m_outcome);
         QCoreApplication::sendPostedEvents(&m_group);
     }
@@ -98,7 +101,7 @@ public:
 private:
     const Error m_outcome;
     GroupTask m_group;
-    std::vector<std::unique_ptr<Task>> m_children;
+    std::vector<Task *> m_children;
 };
 
 Costs measure(int size, const Setting &setting)

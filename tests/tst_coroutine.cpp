@@ -142,6 +142,7 @@ private Q_SLOTS:
     {
         const Step quietly = [](auto &task) { task->setError(Error(GeneralError, u"-quiet"_s)), task->setFinished(); };
         const Step fail = [](auto &task) { task->finish(Error(GeneralError, u"-own"_s)); };
+        const Step again = [=](auto &task) { fail(task), task->exec(), task->clearError(); };
         const QString quiet = u"resumed:GeneralError-quiet"_s;
         const QString destroyed = u"resumed:GeneralErrorThe task was destroyed before it finished."_s;
         addRows<AwaitedEnd>({
@@ -152,6 +153,7 @@ private Q_SLOTS:
             {"is destroyed", {[](auto &task) { delete task; }, QString(), destroyed}},
             {"finishes and is destroyed",
              {[=](auto &task) { fail(task), delete task; }, u"finished"_s, u"resumed:GeneralError-own"_s}},
+            {"finishes and runs again", {again, u"finished"_s, u"resumed:GeneralError-own"_s}},
             {"is set finished and destroyed", {[=](auto &task) { quietly(task), delete task; }, QString(), quiet}},
         });
     }
@@ -251,18 +253,6 @@ private Q_SLOTS:
             home.quit();
             QVERIFY(home.wait(30'000));
         }
-    }
-
-    void restartBeforeResumptionKeepsOutcome()
-    {
-        const auto task = runningTask();
-        EventLog log;
-        await(task.get(), &log);
-        task->finish(Error(GeneralError, u"-first"_s));
-        task->exec();
-        task->clearError();
-        drainEvents();
-        QCOMPARE(log.take(), u"resumed:GeneralError-first"_s);
     }
 
     void deleteOnFinishedWaitsForAwaiters()
