@@ -1,4 +1,5 @@
 #include "support/EventLog.h"
+#include "support/Gate.h"
 #include "support/LogCapture.h"
 #include "support/Rows.h"
 #include "support/Waiting.h"
@@ -208,6 +209,49 @@ info Task "t" : Finalizing => "Finished")"_s);
             QCOMPARE(events.take().count(u" finished"), 1);
             QVERIFY(task.error().equals(Timeout));
         }
+    }
+
+    void restOfAnEndIsLeftToTheRunThatAHandlerBegins()
+    {
+        for (const QString &event : {u"canceled"_s, u"errorChanged(Canceled)"_s, u"finalizing"_s}) {
+            PlainTask task(BaseTask::Running);
+            EventLog events(&task);
+            events.on(event, [&] { task.setIdle(), task.setRunning(); });
+            task.cancel();
+            QVERIFY(events.take().endsWith(u"stateChanged(Idle) stateChanged(Running) started"));
+            task.finish();
+            QCOMPARE(events.take(), u"errorChanged(NoError) "_s + endOfRun);
+        }
+    }
+
+    void setFinishedInsideAnEndDoesNotSwallowFinished()
+    {
+        for (const QString &event : cancelEvents.chopped(QString(u" finished"_s).size()).split(u' ')) {
+            PlainTask task(BaseTask::Running);
+            EventLog events(&task);
+            events.on(event, [&] { task.setFinished(); });
+            task.cancel();
+            QCOMPARE(events.take().count(u" finished"), 1);
+        }
+    }
+
+    void destructionWaitsForAnEndOnAnotherThread()
+    {
+        auto task = std::make_unique<Task>(Task::Asynchronous);
+        task->exec();
+        Gate gate;
+        std::atomic<bool> isOver = false;
+        const auto linger = [&] {
+            gate.arrive();
+            QThread::msleep(20);
+            isOver = true;
+        };
+        connect(task.get(), &Task::finished, this, linger, Qt::DirectConnection);
+        std::thread finisher([&task] { task->finish(); });
+        QVERIFY(gate.waitForArrival());
+        task.reset();
+        QVERIFY(isOver);
+        finisher.join();
     }
 
     void handlerMayDeleteTheTask()

@@ -149,6 +149,8 @@ private Q_SLOTS:
             {"has finished", {nullptr, u"resumed:NoError"_s, QString()}},
             {"finishes", {[](auto &task) { task->finish(); }, u"finished"_s, u"resumed:NoError"_s}},
             {"is canceled", {[](auto &task) { task->cancel(); }, u"finished"_s, u"resumed:CanceledCanceled"_s}},
+            {"finishes and gets another error",
+             {[=](auto &task) { fail(task), task->clearError(); }, u"finished"_s, u"resumed:NoError"_s}},
             {"is set finished", {quietly, QString(), quiet}},
             {"is destroyed", {[](auto &task) { delete task; }, QString(), destroyed}},
             {"finishes and is destroyed",
@@ -253,6 +255,21 @@ private Q_SLOTS:
             home.quit();
             QVERIFY(home.wait(30'000));
         }
+    }
+
+    void resumesWhereItWaitedWhenTheThreadOfTheTaskIsOver()
+    {
+        QThread home;
+        home.start();
+        auto task = runningTask();
+        task->moveToThread(&home);
+        EventLog log;
+        QThread *resumedIn = nullptr;
+        await(task.get(), &log, &resumedIn);
+        home.quit();
+        QVERIFY(home.wait(30'000));
+        task.reset();
+        QTRY_COMPARE(resumedIn, QThread::currentThread());
     }
 
     void deleteOnFinishedWaitsForAwaiters()
@@ -372,6 +389,19 @@ private Q_SLOTS:
         suspension.goOn();
         QCOMPARE(log.take(), events);
         delete task;
+    }
+
+    void capturesMayCompleteTheCoroutineOfADestroyedTask()
+    {
+        Suspension suspension;
+        auto task = std::make_unique<Task>([&] { return complete(&suspension, [] { return Error(); }); });
+        const std::shared_ptr<void> captured(nullptr, [&](void *) { suspension.goOn(); });
+        task->setFunction([captured = std::move(captured)]() -> Error { return {}; });
+        task->setExecutionMode(Task::Coroutine);
+        task->exec();
+        EventLog log(task.get());
+        task.reset();
+        QCOMPARE(log.take(), u"aboutToDestroy"_s);
     }
 
     void readyMadeCoroutineIsUsedUp()

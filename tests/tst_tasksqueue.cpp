@@ -87,6 +87,10 @@ struct Late {
     std::function<void(TasksQueue &, TasksQueue &other, Task *)> action;
 };
 
+// Destroyed after everything else of this program that is, the queue before the task that it still holds.
+Task taskAtExit;
+TasksQueue queueAtExit;
+
 constexpr auto connectionTypes = {Qt::DirectConnection, Qt::QueuedConnection};
 
 } // namespace
@@ -367,6 +371,27 @@ Empty queue  "q" --> Idle.)"_s);
         QCOMPARE(other.count(), 0);
     }
 
+    void taskAppendedOnTwoThreadsIsInOneQueue()
+    {
+        for (int round = 0; round < 1'000; ++round) {
+            TasksQueue left;
+            TasksQueue right;
+            left.pause();
+            right.pause();
+            Task task;
+            std::atomic<int> ready = 0;
+            const auto appendTo = [&](TasksQueue &queue) {
+                ++ready;
+                while (ready < 2) { }
+                queue.append(&task);
+            };
+            std::thread other([&] { appendTo(left); });
+            appendTo(right);
+            other.join();
+            QCOMPARE(left.count() + right.count(), 1);
+        }
+    }
+
     void clearAppliesThePolicy_data()
     {
         const QString ended = u"p0:finished p1:finished p2:finished q:stateChanged(Idle) r:finished"_s;
@@ -425,6 +450,32 @@ Empty queue  "q" --> Idle.)"_s);
         QVERIFY(early->isIdle());
         QCOMPARE(bench.log.take(), u"pending:finished running:finished late:started"_s);
         QCOMPARE(bench.queue->count(), 1);
+    }
+
+    void handlersMayClearAgainOrThrow()
+    {
+        for (const bool throws : {false, true}) {
+            Bench bench;
+            const auto [a, b, c] = bench.tasks(u"a"_s, u"b"_s, u"c"_s);
+            bench.queue->append({bench.task(u"running"_s), a, b, c});
+            bench.log.keepOnly({u"finished"_s});
+            bench.log.on(u"b:finished"_s, [&] {
+                bench.queue->clear();
+                if (throws)
+                    throw std::runtime_error("handler");
+            });
+            try {
+                bench.queue->clear(TasksQueue::Cancel);
+                QVERIFY(!throws);
+            } catch (const std::runtime_error &) {
+                QVERIFY(throws);
+            }
+            QVERIFY(a->isCanceled() && b->isCanceled());
+            QCOMPARE(c->isCanceled(), !throws);
+            QCOMPARE(bench.queue->count(), 0);
+            bench.queue->append({bench.task(u"new"_s), c});
+            QCOMPARE(bench.queue->count(), throws ? 2 : 1);
+        }
     }
 
     void destroyedQueueLetsGo()
@@ -719,6 +770,13 @@ Empty queue  "q" --> Idle.)"_s);
         drainEvents();
         QCOMPARE(ranIn, thread());
         QCOMPARE(bench.queue->state(), TasksQueue::Idle);
+    }
+
+    void queueAndTaskMayOutliveMain()
+    {
+        queueAtExit.pause();
+        queueAtExit.append(&taskAtExit);
+        QCOMPARE(queueAtExit.count(), 1);
     }
 
     void tasksAppendedFromManyThreadsAllRunOnce_data()

@@ -333,6 +333,14 @@ private Q_SLOTS:
             // Every other task is destroyed at once.
             QVERIFY(round % 2 || pollUntil([&] { return task.isFinished(); }));
         }
+        std::atomic<int> destroyed = 0;
+        for (int round = 0; round < 300; ++round) {
+            auto *task = new Task([](Task *self) { return delete self, Error(); }, Task::WorkingThread);
+            connect(
+                task, &QObject::destroyed, this, [&] { ++destroyed; }, Qt::DirectConnection);
+            task->exec();
+        }
+        QVERIFY(pollUntil([&] { return destroyed == 300; }));
     }
 
     void functionMayBeReplacedWhileTheThreadStarts()

@@ -1,6 +1,7 @@
 #include <zel/tasks/BaseTask.h>
 
 #include "BaseTask_p.h"
+#include "TaskUse.h"
 #include "TasksLog.h"
 
 #include <zel/common/ProgressBarOutputInterface.h>
@@ -9,6 +10,7 @@
 #include <QMetaEnum>
 #include <QScopeGuard>
 #include <QSet>
+#include <QThread>
 
 #include <atomic>
 
@@ -64,7 +66,7 @@ bool BaseTask::Private::isEnding() const
 
 bool BaseTask::Private::announcesEnd() const
 {
-    return endingRun && *endingRun + 1 == run;
+    return endedRun == run;
 }
 
 bool BaseTask::Private::refusesSource(const BaseTask *source) const
@@ -190,11 +192,13 @@ void BaseTask::setDeleteOnFinished(bool deleteOnFinished)
 
 TasksQueue *BaseTask::queue() const
 {
+    const QMutexLocker locker(&d->queueMutex);
     return d->queue;
 }
 
 void BaseTask::setQueue(TasksQueue *queue)
 {
+    const QMutexLocker locker(&d->queueMutex);
     d->queue = queue;
 }
 
@@ -281,38 +285,46 @@ void BaseTask::finish(Err err)
     if (isFinished() || d->isEnding())
         return;
     const QPointer<BaseTask> self(this);
+    std::optional<TaskUse> use;
+    if (thread() != QThread::currentThread())
+        use.emplace(this);
     const quint64 run = d->run;
     d->endingRun = run;
-    const auto ended = qScopeGuard([&self] {
-        if (self)
-            self->d->endingRun.reset();
+    const auto ended = qScopeGuard([&self, run] {
+        if (!self || self->d->endingRun != run)
+            return;
+        self->d->endingRun.reset();
+        self->d->endedRun.reset();
     });
 
+    // A handler may have deleted the task, or set it idle or running again: what follows belongs to this run.
+    const auto goesOn = [&self, run] { return self && self->d->run == run; };
     if (err.equals(Canceled))
         Q_EMIT canceled();
-    if (!self)
+    if (!goesOn())
         return;
     if (err.hasError())
         qCDebug(tasksLog) << "Setting error" << err;
     setError(err);
-    if (!self)
+    if (!goesOn())
         return;
     const bool deleteAfterwards = d->deleteOnFinished;
     finalize();
-    if (!self)
+    if (!goesOn())
         return;
     Error failure = doFinish();
-    if (!self)
+    if (!goesOn())
         return;
     if (failure.hasError())
         setError(failure.ecatch(Q_FUNC_INFO, __FILE__, __LINE__));
-    if (!self)
+    if (!goesOn())
         return;
     qCDebug(tasksLog) << "Task" << d->name << "finished.";
+    const quint64 over = ++d->run;
+    d->endedRun = over;
     setState(Finished);
 
-    // A handler may have set the task running again: what follows belongs to the run that is over.
-    const auto isOver = [&self, endedRun = run + 1] { return self && self->d->run == endedRun; };
+    const auto isOver = [&self, over] { return self && self->d->run == over; };
     if (isOver())
         Q_EMIT d->finished();
     if (isOver())
@@ -380,13 +392,14 @@ void BaseTask::clearError()
 void BaseTask::setState(State state)
 {
     const State left = d->state;
-    const bool leavesEnd = left == Finished && (state == Idle || state == Running);
-    const bool begins = left == Idle && state == Running;
+    const bool begins = state == Running && (left == Idle || left == Finished);
+    const bool isReset = state == Idle && left != Idle;
     const bool isResumed = left == Paused && d->pausedState == state;
-    const bool ends = state == Finished && left != Finished && !isResumed;
-    if (leavesEnd || begins || ends)
+    // While finish() is at work, it says itself when the run is over.
+    const bool ends = state == Finished && left != Finished && !isResumed && !d->isEnding() && !d->announcesEnd();
+    if (begins || isReset || ends)
         ++d->run;
-    if (leavesEnd)
+    if (left == Finished && (begins || isReset))
         setCanceled(false);
     if (state == Paused && left != Paused)
         d->pausedState = left;

@@ -131,8 +131,8 @@ public Q_SLOTS:
      * and after that.
      *
      * Emits, in order: canceled() for a Canceled error, errorChanged(), stateChanged(Finalizing), finalizing(),
-     * errorChanged() again when doFinish() failed, stateChanged(Finished), finished(). When a handler of
-     * stateChanged(Finished) runs the task again, finished() is left to that run.
+     * errorChanged() again when doFinish() failed, stateChanged(Finished), finished(). When a handler sets the
+     * task idle or running again, the rest is left to its next run.
      */
     void finish(Err err = Err(NoError));
     void setIdle();

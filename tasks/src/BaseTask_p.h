@@ -3,6 +3,7 @@
 #include <zel/tasks/BaseTask.h>
 
 #include <QList>
+#include <QMutex>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -35,6 +36,7 @@ public:
     static Error destroyedError();
 
     BaseTask *const q;
+    mutable QMutex queueMutex;
     QPointer<TasksQueue> queue;
     /// Written by setState() alone; atomically, because work on another thread reads it.
     State state = Idle;
@@ -48,10 +50,11 @@ public:
     int totalProgress = 0;
     bool deleteOnFinished = false;
     WaitMode waitMode = ProcessAllEvents;
-    /// Tells runs apart: changes when a run begins, when it ends, and when the task is no longer Finished.
+    /// Tells runs apart: changes when a run begins, when it ends, and when the task becomes idle again.
     quint64 run = 0;
-    /// The run that finish() is at work on.
+    /// The run that finish() is about to end, and what its number becomes with the end.
     std::optional<quint64> endingRun;
+    std::optional<quint64> endedRun;
     /// The tasks that this one is bound to.
     QList<QPointer<const BaseTask>> sources;
 

@@ -1,6 +1,7 @@
 #include <zel/tasks/GroupTask.h>
 
 #include "GroupTask_p.h"
+#include "TaskUse.h"
 #include "TasksLog.h"
 #include "TasksQueueHold.h"
 
@@ -446,6 +447,7 @@ GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Pri
 
 GroupTask::~GroupTask()
 {
+    TaskUse::waitForOthers(this);
     {
         const QMutexLocker locker(&d->link->mutex);
         d->link->group = nullptr;

@@ -88,11 +88,14 @@ TasksQueueEntry *Task::Private::queueEntry(const TasksQueueLock *lock) const
     return holder.get() == lock ? holderEntry : nullptr;
 }
 
-void Task::Private::setQueueEntry(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry)
+bool Task::Private::claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry)
 {
     const QMutexLocker locker(&mutex);
+    if (holder && holder != lock)
+        return false;
     holder = std::move(lock);
     holderEntry = entry;
+    return true;
 }
 
 void Task::Private::releaseQueueEntry(const TasksQueueLock *lock)
@@ -138,13 +141,15 @@ void Task::Private::execOnWorkingThread()
     if (!gate)
         gate = std::make_shared<WorkGate>();
     const quint64 ticket = gate->admit();
+    const quint64 startedRun = run();
     q->createWorkingThread([task = q, entrance = gate, ticket] {
         const WorkVisit visit(entrance, ticket);
         return visit.isInside() ? task->doExec() : Error();
     });
     QThread *thread = workingThread;
     connect(
-        thread, &QThread::finished, q, [this, ticket] { onThreadFinished(ticket); }, Qt::QueuedConnection);
+        thread, &QThread::finished, q, [this, ticket, startedRun] { onThreadFinished(ticket, startedRun); },
+        Qt::QueuedConnection);
     if (!startThread(thread))
         q->finish(Error(GeneralError, tr("The working thread could not be started.")));
 }
@@ -158,11 +163,11 @@ bool Task::Private::startThread(QThread *thread)
     return thread->isRunning() || thread->isFinished();
 }
 
-void Task::Private::onThreadFinished(quint64 ticket)
+void Task::Private::onThreadFinished(quint64 ticket, quint64 startedRun)
 {
     if (gate->lastTicket() != ticket)
         return;
-    if (gate->isAdmitted(ticket) && !q->isFinished())
+    if (gate->isAdmitted(ticket) && run() == startedRun)
         q->finish(workingThread->result().value_or(Error()));
     else
         q->deleteWorkingThread();
@@ -221,6 +226,8 @@ Task::~Task()
     if (const auto lock = d->queueLock())
         TasksQueue::Private::onTaskDestroyed(lock, this);
     stopWorkingThread();
+    // What the work captured is destroyed next, and may complete its coroutine.
+    ++BaseTask::Private::of(this)->run;
 }
 
 void Task::setFunction(std::function<Error()> function)
@@ -453,7 +460,7 @@ void Task::deleteWorkingThread()
             qCWarning(tasksLog) << "Could not kill working thread for task" << name();
     }
     d->workingThread.clear();
-    if (d->gate && !isOwnThread)
+    if (d->gate)
         const QMutexLocker started(&d->gate->startMutex);
     if (thread->isRunning())
         freeWhenEnded(thread);

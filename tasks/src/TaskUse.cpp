@@ -13,7 +13,7 @@ namespace zel {
 
 namespace {
 
-using Use = std::pair<const Task *, Qt::HANDLE>;
+using Use = std::pair<const BaseTask *, Qt::HANDLE>;
 
 struct Registry {
     QMutex mutex;
@@ -21,38 +21,43 @@ struct Registry {
     /// As many as threads are at work with a task at the moment, and a few more where starts are nested.
     QList<Use> uses;
 };
-Q_GLOBAL_STATIC(Registry, registry)
+// Never destroyed: tasks and queues with static storage may outlive everything of ours that is.
+Registry *registry()
+{
+    static auto *const instance = new Registry;
+    return instance;
+}
 
 thread_local int heldLocks = 0;
 
 } // namespace
 
-TaskUse::TaskUse(const Task *task) : m_task(task)
+TaskUse::TaskUse(const BaseTask *task) : m_task(task)
 {
-    const QMutexLocker locker(&registry->mutex);
-    registry->uses.append({m_task, QThread::currentThreadId()});
+    const QMutexLocker locker(&registry()->mutex);
+    registry()->uses.append({m_task, QThread::currentThreadId()});
 }
 
 TaskUse::~TaskUse()
 {
-    QList<Use> &uses = registry->uses;
-    const QMutexLocker locker(&registry->mutex);
+    QList<Use> &uses = registry()->uses;
+    const QMutexLocker locker(&registry()->mutex);
     // The innermost one, which is the last of this thread.
     const auto found = std::find(uses.crbegin(), uses.crend(), Use(m_task, QThread::currentThreadId()));
     uses.remove(std::distance(found, uses.crend()) - 1);
-    registry->ended.wakeAll();
+    registry()->ended.wakeAll();
 }
 
-void TaskUse::waitForOthers(const Task *task)
+void TaskUse::waitForOthers(const BaseTask *task)
 {
-    if (heldLocks > 0 || registry.isDestroyed())
+    if (heldLocks > 0)
         return;
     const auto isElsewhere = [task, self = QThread::currentThreadId()](const Use &use) {
         return use.first == task && use.second != self;
     };
-    const QMutexLocker locker(&registry->mutex);
-    while (std::any_of(registry->uses.cbegin(), registry->uses.cend(), isElsewhere))
-        registry->ended.wait(&registry->mutex);
+    const QMutexLocker locker(&registry()->mutex);
+    while (std::any_of(registry()->uses.cbegin(), registry()->uses.cend(), isElsewhere))
+        registry()->ended.wait(&registry()->mutex);
 }
 
 void TaskUse::addHeldLocks(int count)

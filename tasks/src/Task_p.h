@@ -34,7 +34,8 @@ public:
     Slot copyOf(const Slot &slot) const;
     std::shared_ptr<TasksQueueLock> queueLock() const;
     TasksQueueEntry *queueEntry(const TasksQueueLock *lock) const;
-    void setQueueEntry(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry);
+    /// Returns false when another queue has taken the task.
+    bool claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry);
     /// Unless another queue has taken the task.
     void releaseQueueEntry(const TasksQueueLock *lock);
 
@@ -46,7 +47,7 @@ public:
     void execOnWorkingThread();
     bool startThread(QThread *thread);
     bool isWorkingThread() const;
-    void onThreadFinished(quint64 ticket);
+    void onThreadFinished(quint64 ticket, quint64 startedRun);
     bool stopThread(void (*request)(QThread *thread)) const;
 
     Task *const q;

@@ -5,6 +5,7 @@
 #include "TasksLog.h"
 #include "TasksQueue_p.h"
 
+#include <QScopeGuard>
 #include <QThread>
 
 #include <optional>
@@ -154,6 +155,8 @@ bool TasksQueue::Private::startPending()
             continue;
         }
         Entry *entry = setRunning(task);
+        if (!entry)
+            continue;
         const DispatchFrame frame(sharedLock.get(), entry);
         static_cast<void>(locker.unlock());
         try {
@@ -218,10 +221,11 @@ TasksQueue::Private::Entry *TasksQueue::Private::ensureEntry(Task *task)
         unused.front().self = unused.begin();
     }
     Entry *entry = &unused.front();
+    if (!task->d->claimForQueue(lock, entry))
+        return nullptr;
     entry->task = task;
     entry->stay = ++lastStay;
     move(entry, Entry::Outside, outside, outside.end());
-    task->d->setQueueEntry(lock, entry);
     return entry;
 }
 
@@ -231,19 +235,22 @@ bool TasksQueue::Private::isPending(const Task *task) const
     return entry && entry->isPending();
 }
 
-void TasksQueue::Private::insert(Task *task, EnqueueMode mode)
+bool TasksQueue::Private::insert(Task *task, EnqueueMode mode)
 {
     Entry *entry = ensureEntry(task);
-    if (entry->place == Entry::Running) {
+    if (entry && entry->place == Entry::Running) {
         // It was set idle by hand and begins a new stay; its slot is free.
         forget(entry);
         entry = ensureEntry(task);
     }
+    if (!entry)
+        return false;
     const int priority = task->priority();
     Entries &level = ready[priority];
     move(entry, Entry::Ready, level, mode == Prepend ? level.begin() : level.end());
     entry->priority = priority;
     entry->order = mode == Prepend ? --firstOrder : ++lastOrder;
+    return true;
 }
 
 TasksQueue::Private::Entry *TasksQueue::Private::nextReady()
@@ -275,6 +282,8 @@ void TasksQueue::Private::takeOut(Entry *entry)
 TasksQueue::Private::Entry *TasksQueue::Private::setRunning(Task *task)
 {
     Entry *entry = ensureEntry(task);
+    if (!entry)
+        return nullptr;
     move(entry, Entry::Running, running, running.end());
     setCounted(entry, task->countAsRunning());
     return entry;
@@ -313,6 +322,28 @@ TasksQueue::Private::Entries TasksQueue::Private::takeAllRunning()
     return std::exchange(running, {});
 }
 
+// One call of clear(), with the lock held.
+void TasksQueue::Private::clearAll(ClearPolicy policy, const Error &error)
+{
+    const QPointer<TasksQueue> queue(q);
+    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
+    ++sharedLock->clearing;
+    const auto cleared = qScopeGuard([&] {
+        // Something is left when a handler threw.
+        if (queue) {
+            Entries rest = takeAllLeaving();
+            forgetAll(rest);
+        }
+        --sharedLock->clearing;
+    });
+    if (!clearTasks(takeAllPending(), policy, error))
+        return;
+    Entries started = takeAllRunning();
+    Entries addedMeanwhile = takeAllPending();
+    forgetAll(addedMeanwhile);
+    clearTasks(std::move(started), policy, error);
+}
+
 // Handlers may destroy tasks that are still to come, which takes them out of the list, or take them in again, which is
 // to no avail. Returns false when one of them has destroyed the queue.
 bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const Error &error)
@@ -320,10 +351,11 @@ bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const 
     const QPointer<TasksQueue> queue(q);
     for (Entry &entry : entries) {
         entry.place = Entry::Leaving;
+        entry.clearing = lock->clearing;
         entry.isCounted = false;
     }
     leaving.splice(leaving.begin(), entries);
-    while (!leaving.empty()) {
+    while (!leaving.empty() && leaving.front().clearing == lock->clearing) {
         Task *task = leaving.front().task;
         const TaskUse use(task);
         forget(&leaving.front());
@@ -332,6 +364,15 @@ bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const 
             return false;
     }
     return true;
+}
+
+// Of the innermost call of clear().
+TasksQueue::Private::Entries TasksQueue::Private::takeAllLeaving()
+{
+    Entries entries;
+    while (!leaving.empty() && leaving.front().clearing == lock->clearing)
+        entries.splice(entries.end(), leaving, leaving.begin());
+    return entries;
 }
 
 void TasksQueue::Private::forgetAll(Entries &entries)
@@ -671,14 +712,7 @@ void TasksQueue::clear(ClearPolicy policy, const Error &error)
     const std::shared_ptr<TasksQueueLock> lock = d->lock;
     const Error outcome = error;
     TasksQueueLocker locker(lock);
-    ++lock->clearing;
-    if (d->clearTasks(d->takeAllPending(), policy, outcome)) {
-        Private::Entries running = d->takeAllRunning();
-        Private::Entries addedMeanwhile = d->takeAllPending();
-        d->forgetAll(addedMeanwhile);
-        d->clearTasks(std::move(running), policy, outcome);
-    }
-    --lock->clearing;
+    d->clearAll(policy, outcome);
     const int passes = locker.unlock();
     if (self && passes > 0)
         tryExec();
@@ -748,7 +782,9 @@ void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
         qCWarning(tasksLog) << "Invalid priority" << priority << "of task" << task->name();
         return;
     }
-    d->insert(task, mode);
+    // Appended to another queue at the same time, on another thread: that came last, and holds it.
+    if (!d->insert(task, mode))
+        return;
     connectTask(task);
     qCInfo(tasksLog) << "Task" << task->name() << "appended, queue.count=" << pendingTasksCount();
 }
@@ -809,6 +845,8 @@ void TasksQueue::connectTask(Task *task)
     disconnectTask(task);
     Private *queue = d.get();
     const Private::Entry *entry = d->ensureEntry(task);
+    if (!entry)
+        return;
     const quint64 stay = entry->stay;
     connect(
         task, &BaseTask::finished, queue,

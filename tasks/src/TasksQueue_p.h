@@ -88,6 +88,7 @@ struct TasksQueueEntry {
     std::list<TasksQueueEntry>::iterator self; ///< its place in the list that it stands in
     int priority = 0;                          ///< the one that it is listed under
     Place place = Unused;
+    int clearing = 0;       ///< which of the calls of clear() on the stack took it
     bool isCounted = false; ///< counted among the running ones
 };
 
@@ -120,22 +121,26 @@ public:
     void takeFromOtherQueue(Task *task);
     void dispatch(int passes);
     static void onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
+    void clearAll(ClearPolicy policy, const Error &error);
     static void recount(const std::shared_ptr<TasksQueueLock> &lock, const Task *task);
 
     // These are called with the lock held, and with tasks that are not past aboutToDestroy().
     Entry *entryOf(const Task *task) const;
+    /// Null when another queue has taken the task.
     Entry *ensureEntry(Task *task);
     bool isPending(const Task *task) const;
-    void insert(Task *task, EnqueueMode mode);
+    bool insert(Task *task, EnqueueMode mode);
     Entry *nextReady();
     Task *takeNextIdle();
     void takeOut(Entry *entry);
+    /// Null when another queue has taken the task.
     Entry *setRunning(Task *task);
     void forget(Entry *entry);
     Entries takeAllPending();
     Entries takeAllRunning();
     bool clearTasks(Entries entries, ClearPolicy policy, const Error &error);
     void forgetAll(Entries &entries);
+    Entries takeAllLeaving();
 
     TasksQueue *const q;
     const std::shared_ptr<TasksQueueLock> lock;
@@ -156,7 +161,7 @@ public:
     std::map<std::pair<int, qint64>, Entry *> returnedByTurn;
     Entries running;
     Entries outside;
-    /// What clear() has taken and not come to yet.
+    /// What calls of clear() have taken and not come to yet, those of the innermost call first.
     Entries leaving;
     Entries unused;
     /// Sizes of the ready, parked and returned lists together.

@@ -26,14 +26,20 @@ public:
     const QPointer<const zel::BaseTask> task;
 
 private:
-    void setOutcome(const zel::Error &error);
-    void resumeUnannounced(const zel::BaseTask *awaited);
+    void onEnded(const zel::BaseTask *awaited);
+    void onEndedUnannounced(const zel::BaseTask *awaited);
     void resumeWithoutTask(QThread *thread);
+    // These are called with the mutex held.
+    void keepOutcome(const zel::BaseTask *awaited);
+    void postResume(const zel::BaseTask *awaited);
 
     mutable QMutex m_mutex;
     std::coroutine_handle<> m_awaiting;
-    /// The task's error when it ended, which a new run of the task does not change any more.
+    QPointer<QThread> m_awaitingThread;
+    /// What the task had for an error when it ended. It counts once the task is gone or runs again.
     std::optional<zel::Error> m_outcome;
+    /// The number of the task's run while it stays ended; none once the task is gone.
+    std::optional<quint64> m_endedRun;
     std::array<QMetaObject::Connection, 4> m_connections;
 };
 
@@ -50,20 +56,21 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
             call(*record);
     };
 
-    QMutexLocker locker(&m_mutex);
+    const QMutexLocker locker(&m_mutex);
     m_awaiting = awaitingCoroutine;
+    m_awaitingThread = QThread::currentThread();
     m_connections[0] = QObject::connect(
         awaited, &BaseTask::finished, internals, [withRecord] { withRecord([](Record &record) { record.resume(); }); },
         Qt::QueuedConnection);
     m_connections[1] = QObject::connect(
         internals, &Private::finished, internals,
-        [withRecord, awaited] { withRecord([awaited](Record &record) { record.setOutcome(awaited->error()); }); },
+        [withRecord, awaited] { withRecord([awaited](Record &record) { record.onEnded(awaited); }); },
         Qt::DirectConnection);
     m_connections[2] = QObject::connect(
         awaited, &BaseTask::stateChanged, internals,
         [withRecord, awaited, internals](BaseTask::State state) {
             if (state == BaseTask::Finished && !internals->announcesEnd())
-                withRecord([awaited](Record &record) { record.resumeUnannounced(awaited); });
+                withRecord([awaited](Record &record) { record.onEndedUnannounced(awaited); });
         },
         Qt::DirectConnection);
     m_connections[3] = QObject::connect(
@@ -72,10 +79,11 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
             withRecord([awaited](Record &record) { record.resumeWithoutTask(awaited->thread()); });
         },
         Qt::DirectConnection);
-    locker.unlock();
-
-    if (awaited->isFinished())
-        resumeUnannounced(awaited);
+    // Still with the mutex: without it, the coroutine may be resumed and delete the task.
+    if (!awaited->isFinished())
+        return;
+    keepOutcome(awaited);
+    postResume(awaited);
 }
 
 std::coroutine_handle<> ZelTaskWaitForFinishedOperation::Record::detach()
@@ -98,22 +106,37 @@ void ZelTaskWaitForFinishedOperation::Record::resume()
 zel::Error ZelTaskWaitForFinishedOperation::Record::result() const
 {
     const QMutexLocker locker(&m_mutex);
-    if (m_outcome)
+    const bool isStillEnded = m_endedRun && task && zel::BaseTask::Private::of(task)->run == m_endedRun;
+    if (m_outcome && !isStillEnded)
         return *m_outcome;
     return task ? task->error() : zel::Error(zel::NoError);
 }
 
-void ZelTaskWaitForFinishedOperation::Record::setOutcome(const zel::Error &error)
+void ZelTaskWaitForFinishedOperation::Record::onEnded(const zel::BaseTask *awaited)
 {
     const QMutexLocker locker(&m_mutex);
-    if (!m_outcome)
-        m_outcome = error;
+    keepOutcome(awaited);
 }
 
-// The end came without finished(), or before the connections were there: behind what a regular end posts.
-void ZelTaskWaitForFinishedOperation::Record::resumeUnannounced(const zel::BaseTask *awaited)
+// Without finished().
+void ZelTaskWaitForFinishedOperation::Record::onEndedUnannounced(const zel::BaseTask *awaited)
 {
-    setOutcome(awaited->error());
+    const QMutexLocker locker(&m_mutex);
+    keepOutcome(awaited);
+    postResume(awaited);
+}
+
+void ZelTaskWaitForFinishedOperation::Record::keepOutcome(const zel::BaseTask *awaited)
+{
+    if (m_outcome)
+        return;
+    m_outcome = awaited->error();
+    m_endedRun = zel::BaseTask::Private::of(awaited)->run;
+}
+
+// Behind what a regular end posts.
+void ZelTaskWaitForFinishedOperation::Record::postResume(const zel::BaseTask *awaited)
+{
     QObject *context = zel::BaseTask::Private::of(awaited);
     const auto lastTurn = [weak = weak_from_this()] {
         if (const auto record = weak.lock())
@@ -125,9 +148,15 @@ void ZelTaskWaitForFinishedOperation::Record::resumeUnannounced(const zel::BaseT
 
 void ZelTaskWaitForFinishedOperation::Record::resumeWithoutTask(QThread *thread)
 {
-    setOutcome(zel::BaseTask::Private::destroyedError());
+    QMutexLocker locker(&m_mutex);
+    m_endedRun.reset();
+    if (!m_outcome)
+        m_outcome = zel::BaseTask::Private::destroyedError();
+    locker.unlock();
     // The task's own events go with it; the coroutine must not be resumed inside its destructor.
     auto *courier = new QObject;
+    if ((!thread || thread->isFinished()) && m_awaitingThread)
+        thread = m_awaitingThread;
     courier->moveToThread(thread);
     const auto deliver = [courier, weak = weak_from_this()] {
         courier->deleteLater();
