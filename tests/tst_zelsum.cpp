@@ -245,6 +245,22 @@ private Q_SLOTS:
         QCOMPARE(outcome.status, 1);
     }
 
+    void severalPathsKeepTheirOrderAndShareOneError()
+    {
+        QVERIFY(QDir(m_folder->path()).mkpath(u"d/e"_s) && QDir(m_folder->path()).mkpath(u"b"_s));
+        for (const char *name : {"d/e/1", "d/2", "b/1"})
+            write(name, name);
+        const Outcome outcome = sum({u"d"_s, u"missing"_s, u"b"_s, u"/proc/self/mem"_s, u"d/2"_s});
+        QByteArray lines;
+        for (const char *name : {"d/2", "d/e/1", "b/1", "d/2"})
+            lines += lineOf(name, name);
+        QCOMPARE(outcome.output, lines);
+        QVERIFY(outcome.errors.contains("zel-sum: missing: No such file or directory\n"));
+        QVERIFY(
+            outcome.errors.endsWith("zel-sum: 2 of 6 files failed: Input/output error; No such file or directory\n"));
+        QCOMPARE(outcome.status, 1);
+    }
+
     void check_data()
     {
         const QByteArray good = lineOf("a", "1");

@@ -4,6 +4,11 @@
 #include "Complaint.h"
 #include "FileHasher.h"
 
+#include <zel/common/UnifiedError.h>
+
+#include <QSet>
+#include <QString>
+
 namespace {
 
 QByteArray verdictLine(const Item &item, const QByteArray &verdict)
@@ -21,27 +26,36 @@ QByteArray resultLine(const Item &item, const FileHash &hash)
     return verdictLine(item, hash.hex == item.expected ? "OK" : "FAILED, the digest differs");
 }
 
-bool isFailure(const Item &item, const FileHash &hash)
+zel::Error failureOf(const Item &item, const FileHash &hash)
 {
-    return hash.error || (!item.expected.isEmpty() && hash.hex != item.expected);
+    if (hash.error)
+        return {zel::ReadError, QString::fromLocal8Bit(reasonOf(hash.error))};
+    if (!item.expected.isEmpty() && hash.hex != item.expected)
+        return {zel::FormatError, QStringLiteral("the digest differs")};
+    return {};
 }
 
 } // namespace
 
-zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast, WorkDone &done)
+zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast)
 {
-    FileHasher hasher(algorithm, &done);
+    FileHasher hasher(algorithm, &batch.done);
+    QSet<zel::Error> failures;
     for (const Item &item : batch.items) {
         const FileHash hash = hasher.hash(item.path);
         if (hash.isInterrupted)
             return zel::Canceled;
-        done.files.fetch_add(1, std::memory_order_relaxed);
+        batch.done.files.fetch_add(1, std::memory_order_relaxed);
         batch.lines += resultLine(item, hash);
         if (hash.error)
-            batch.complaints += complaint(item.path, hash.error);
-        batch.failures += isFailure(item, hash);
-        if (batch.failures && failsFast)
+            batch.complaints += complaint(item.path, reasonOf(hash.error));
+        const zel::Error failure = failureOf(item, hash);
+        if (!failure.hasError())
+            continue;
+        ++batch.failures;
+        failures.insert(failure);
+        if (failsFast)
             break;
     }
-    return batch.failures ? zel::ReadError : zel::NoError;
+    return zel::UnifiedError::computeUnifiedError(failures);
 }

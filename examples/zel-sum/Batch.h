@@ -18,6 +18,7 @@ struct Batch {
     std::vector<Item> items;
     qint64 size = 0; ///< of all items together, in bytes
 
+    WorkDone done;         ///< how far the work is
     QByteArray lines;      ///< for the standard output
     QByteArray complaints; ///< for the standard error output
     int failures = 0;      ///< number of files that could not be read or have another digest
@@ -25,5 +26,5 @@ struct Batch {
     bool isDone = false; ///< only for the run
 };
 
-/// Hashes the files of \a batch; ReadError when there were failures. With \a failsFast it stops at the first one.
-zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast, WorkDone &done);
+/// Hashes the files of \a batch; the error stands for all failures. With \a failsFast it stops at the first one.
+zel::Error hashBatch(Batch &batch, QCryptographicHash::Algorithm algorithm, bool failsFast);

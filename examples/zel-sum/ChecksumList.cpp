@@ -45,7 +45,7 @@ Source::Next ChecksumList::next(Item &item)
             return parse(line, item) ? File : Problem;
         }
         if (const int error = std::exchange(m_error, 0)) {
-            item = {m_path, 0, {}, complaint(m_path, error)};
+            item = {m_path, 0, {}, reasonOf(error)};
             return Problem;
         }
         if (m_isAtEnd)
@@ -90,8 +90,7 @@ bool ChecksumList::parse(QByteArrayView line, Item &item) const
 {
     const auto checksum = parseChecksumLine(line, m_hexLength);
     if (!checksum) {
-        const QByteArray place = EscapedName(m_path).name + ':' + QByteArray::number(m_lineNumber);
-        item = {m_path, 0, {}, complaint(place + ": not a checksum line of this algorithm")};
+        item = {m_path + ':' + QByteArray::number(m_lineNumber), 0, {}, "not a checksum line of this algorithm"};
         return false;
     }
     struct stat status;

@@ -9,7 +9,12 @@ QByteArray complaint(const QByteArray &text)
     return "zel-sum: " + text + '\n';
 }
 
-QByteArray complaint(const QByteArray &path, int error)
+QByteArray complaint(const QByteArray &path, const QByteArray &reason)
 {
-    return complaint(EscapedName(path).name + ": " + qt_error_string(error).toLocal8Bit());
+    return complaint(EscapedName(path).name + ": " + reason);
+}
+
+QByteArray reasonOf(int error)
+{
+    return qt_error_string(error).toLocal8Bit();
 }

@@ -4,5 +4,7 @@
 
 /// A line for the standard error output.
 QByteArray complaint(const QByteArray &text);
-/// A line that names a file and says the system's reason.
-QByteArray complaint(const QByteArray &path, int error);
+/// A line that names a file and says the reason.
+QByteArray complaint(const QByteArray &path, const QByteArray &reason);
+/// The system's text for an errno.
+QByteArray reasonOf(int error);

@@ -65,6 +65,6 @@ Source::Next FolderWalk::enter(Item &item)
     m_folders.push_back({item.path.endsWith('/') ? item.path : item.path + '/', std::move(names)});
     if (error == 0)
         return Nothing;
-    item.problem = complaint(item.path, error);
+    item.problem = reasonOf(error);
     return Problem;
 }

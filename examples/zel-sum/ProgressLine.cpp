@@ -57,7 +57,7 @@ void ProgressLine::showProgress(int value, int total)
         return;
     m_sinceDrawn.start();
     m_isDrawn = true;
-    put(m_descriptor, '\r' + fitted(m_text + ", " + figures(value, total)) + clearToEndOfLine);
+    put(m_descriptor, '\r' + fitted(m_text + ", " + figures(value, m_isTotalFinal ? total : 0)) + clearToEndOfLine);
 }
 
 void ProgressLine::showProgressText(const QString &text)

@@ -8,7 +8,7 @@
 /**
  * One line on a terminal that says how far the work is, drawn ten times a second at most.
  *
- * The figures are KiB; a total of 0 is one that is not known yet.
+ * The figures are KiB. A total that is not final yet is not shown.
  */
 class ProgressLine : public zel::ProgressBarOutputInterface {
     Q_OBJECT
@@ -18,6 +18,7 @@ public:
     ~ProgressLine() override;
 
     bool isShown() const { return m_isShown; }
+    void setTotalIsFinal() { m_isTotalFinal = true; }
     void requestCancel();
     /// Makes room for other lines; the next figures draw it again.
     void clear();
@@ -35,4 +36,5 @@ private:
     QElapsedTimer m_sinceDrawn;
     QByteArray m_text;
     bool m_isDrawn = false;
+    bool m_isTotalFinal = false;
 };

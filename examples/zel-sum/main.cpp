@@ -1,5 +1,3 @@
-#include "ChecksumList.h"
-#include "FolderWalk.h"
 #include "Options.h"
 #include "Output.h"
 #include "ProgressLine.h"
@@ -12,19 +10,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <memory>
-
-namespace {
-
-std::unique_ptr<Source> sourceFor(const Options &options)
-{
-    if (!options.list)
-        return std::make_unique<FolderWalk>(options.paths);
-    const qsizetype hexLength = 2 * QCryptographicHash::hashLength(options.algorithm);
-    return std::make_unique<ChecksumList>(*options.list, hexLength);
-}
-
-} // namespace
 
 int main(int argc, char **argv)
 {
@@ -42,7 +27,7 @@ int main(int argc, char **argv)
     ProgressLine progressLine(STDERR_FILENO, options->showsProgress);
     for (Output *on : {&output, &errorOutput})
         on->setBeforeWrite([&progressLine] { progressLine.clear(); });
-    SumRun run(*options, sourceFor(*options), output, errorOutput, progressLine);
+    SumRun run(*options, output, errorOutput, progressLine);
     QObject::connect(&stopSignal, &StopSignal::received, &progressLine, &ProgressLine::requestCancel);
     QObject::connect(&run, &SumRun::finished, &application, &QCoreApplication::exit);
 
