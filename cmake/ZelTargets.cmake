@@ -27,7 +27,12 @@ endfunction()
 function(zel_add_library target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "NAME;FOLDER;EXPORT_BASE" "SOURCES;HEADERS")
 
-    add_library(${target} ${arg_SOURCES} ${arg_HEADERS})
+    if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
+        set(type STATIC)
+    else()
+        set(type SHARED)
+    endif()
+    add_library(${target} ${type} ${arg_SOURCES} ${arg_HEADERS})
     add_library(zel::${arg_NAME} ALIAS ${target})
     zel_target_defaults(${target})
     target_compile_features(${target} PUBLIC cxx_std_20)
@@ -39,7 +44,8 @@ function(zel_add_library target)
         SOVERSION ${PROJECT_VERSION_MAJOR}
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON
-        POSITION_INDEPENDENT_CODE ON)
+        POSITION_INDEPENDENT_CODE ON
+        INSTALL_RPATH $<IF:$<PLATFORM_ID:Darwin>,@loader_path,$ORIGIN>)
 
     set(include_root ${PROJECT_BINARY_DIR}/include)
     set(include_folder ${include_root}/zel/${arg_FOLDER})
@@ -47,7 +53,7 @@ function(zel_add_library target)
     generate_export_header(${target}
         BASE_NAME ${arg_EXPORT_BASE}
         EXPORT_FILE_NAME ${include_folder}/${export_file}_export.h)
-    if(NOT BUILD_SHARED_LIBS)
+    if(type STREQUAL "STATIC")
         target_compile_definitions(${target} PUBLIC ${arg_EXPORT_BASE}_STATIC_DEFINE)
     endif()
 
@@ -60,4 +66,15 @@ function(zel_add_library target)
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${include_root}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+
+    if(ZEL_INSTALL)
+        install(TARGETS ${target}
+            EXPORT ZelTasksTargets
+            LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+            ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+            RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+        install(FILES ${arg_HEADERS} ${include_folder}/${export_file}_export.h
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zel/${arg_FOLDER}
+            COMPONENT development)
+    endif()
 endfunction()

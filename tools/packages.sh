@@ -2,6 +2,8 @@
 # shellcheck shell=bash
 
 packages=(g++ cmake ninja-build qt6-base-dev qcoro-qt6-dev)
+# For the tests that need pkg-config, and for the translations.
+test_packages=(pkgconf qt6-tools-dev qt6-l10n-tools)
 
 fail()
 {
@@ -27,23 +29,45 @@ apt_get()
     "${rights[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq "$@" </dev/null
 }
 
+# missing_of PACKAGE...
+missing_of()
+{
+    local package
+    for package; do
+        is_installed "$package" || echo "$package"
+    done
+}
+
+install_packages()
+{
+    echo "Installing $*"
+    apt_get update && apt_get install --yes --no-install-recommends "$@"
+}
+
 # Installs what is missing. Needs no rights and no network when nothing is.
 ensure_packages()
 {
-    local package missing=()
+    local missing
     if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
         # Another system: what is there may do.
         command -v cmake >/dev/null && command -v ninja >/dev/null && return
         fail "this system has no apt-get; please install what Debian calls ${packages[*]}"
     fi
-    for package in "${packages[@]}"; do
-        is_installed "$package" || missing+=("$package")
-    done
+    mapfile -t missing < <(missing_of "${packages[@]}")
     [ ${#missing[@]} = 0 ] && return
     may_install || fail "these packages are missing, and it takes root or sudo to install them: ${missing[*]}"
-    echo "Installing ${missing[*]}"
-    { apt_get update && apt_get install --yes --no-install-recommends "${missing[@]}"; } \
-        || fail "these packages could not be installed: ${missing[*]}"
+    install_packages "${missing[@]}" || fail "these packages could not be installed: ${missing[*]}"
+}
+
+# Installs what only some tests need, where that is possible.
+want_test_packages()
+{
+    local missing
+    command -v dpkg-query >/dev/null && command -v apt-get >/dev/null || return 0
+    mapfile -t missing < <(missing_of "${test_packages[@]}")
+    [ ${#missing[@]} = 0 ] && return
+    { may_install && install_packages "${missing[@]}"; } \
+        || echo "$0: without the packages ${missing[*]}, some tests are left out" >&2
 }
 
 # build PRESET [ARG...], in the project's folder. Configures once; the build itself notices later changes.

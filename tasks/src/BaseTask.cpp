@@ -330,7 +330,7 @@ void BaseTask::finish(Err err)
     if (isOver())
         Q_EMIT finished();
     if (deleteAfterwards && isOver())
-        Q_EMIT selfDelete({});
+        Q_EMIT selfDelete(QPrivateSignal());
 }
 
 void BaseTask::setIdle()

@@ -151,7 +151,7 @@ void Task::Private::execOnWorkingThread()
         thread, &QThread::finished, q, [this, ticket, startedRun] { onThreadFinished(ticket, startedRun); },
         Qt::QueuedConnection);
     if (!startThread(thread))
-        q->finish(Error(GeneralError, tr("The working thread could not be started.")));
+        q->finish(Error(GeneralError, Task::tr("The working thread could not be started.")));
 }
 
 bool Task::Private::startThread(QThread *thread)

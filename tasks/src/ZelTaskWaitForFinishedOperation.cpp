@@ -13,7 +13,7 @@
 namespace QCoro::detail {
 
 /// Shared with what is posted for the awaiter, which finds no coroutine to resume once that was done or is gone.
-class ZelTaskWaitForFinishedOperation::Record : public std::enable_shared_from_this<Record> {
+class Q_DECL_HIDDEN ZelTaskWaitForFinishedOperation::Record : public std::enable_shared_from_this<Record> {
 public:
     explicit Record(const zel::BaseTask *awaited) : task(awaited) { }
 
