@@ -18,6 +18,18 @@ function(zel_target_defaults target)
     endif()
 endfunction()
 
+# zel_add_output_test(TARGET [FOLDER]): the program prints what expected.txt says, beside its sources or in the folder.
+function(zel_add_output_test target)
+    if(NOT ZEL_BUILD_TESTS)
+        return()
+    endif()
+    add_test(NAME example-${target}
+        COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:${target}>
+            -DEXPECTED=${CMAKE_CURRENT_SOURCE_DIR}/${ARGV1}/expected.txt
+            -P ${PROJECT_SOURCE_DIR}/cmake/CompareOutput.cmake)
+    set_tests_properties(example-${target} PROPERTIES TIMEOUT 60)
+endfunction()
+
 # zel_add_library(TARGET NAME <name> FOLDER <folder> EXPORT_BASE <base> SOURCES ... HEADERS ...)
 #
 #   NAME         what users link: zel::<name>

@@ -89,8 +89,8 @@ bool BaseTask::Private::refusesSource(const BaseTask *source) const
 
 void BaseTask::Private::postDeletion()
 {
-    const auto deleteUnlessTakenBack = [this, endedRun = run] {
-        if (deleteOnFinished && run == endedRun && q->isFinished())
+    const auto deleteUnlessTakenBack = [this, finishedRun = run] {
+        if (deleteOnFinished && run == finishedRun && q->isFinished())
             q->deleteLater();
     };
     QMetaObject::invokeMethod(this, deleteUnlessTakenBack, Qt::QueuedConnection);
