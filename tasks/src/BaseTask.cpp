@@ -69,6 +69,20 @@ bool BaseTask::Private::announcesEnd() const
     return endedRun == run;
 }
 
+std::shared_ptr<TaskRef> BaseTask::Private::ref()
+{
+    const QMutexLocker locker(&mutex);
+    if (!sharedRef)
+        sharedRef = std::make_shared<TaskRef>(q);
+    return sharedRef;
+}
+
+bool BaseTask::Private::clearRef()
+{
+    const QMutexLocker locker(&mutex);
+    return sharedRef && sharedRef->clear();
+}
+
 bool BaseTask::Private::refusesSource(const BaseTask *source) const
 {
     if (!source) {
@@ -106,6 +120,8 @@ BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_uniqu
 BaseTask::~BaseTask()
 {
     qCDebug(tasksLog) << "Deleting" << d->name;
+    if (d->clearRef())
+        TaskUse::waitForOthers(this);
     d.reset();
 }
 
@@ -192,13 +208,13 @@ void BaseTask::setDeleteOnFinished(bool deleteOnFinished)
 
 TasksQueue *BaseTask::queue() const
 {
-    const QMutexLocker locker(&d->queueMutex);
+    const QMutexLocker locker(&d->mutex);
     return d->queue;
 }
 
 void BaseTask::setQueue(TasksQueue *queue)
 {
-    const QMutexLocker locker(&d->queueMutex);
+    const QMutexLocker locker(&d->mutex);
     d->queue = queue;
 }
 

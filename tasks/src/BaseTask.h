@@ -204,6 +204,7 @@ protected:
 private:
     friend class QCoro::detail::ZelTaskWaitForFinishedOperation;
     friend class ComplexTask;
+    friend class GroupTask;
     friend class Task;
     class Private;
     std::unique_ptr<Private> d;

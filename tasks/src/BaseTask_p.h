@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TaskRef.h"
+
 #include <zel/tasks/BaseTask.h>
 
 #include <QList>
@@ -9,6 +11,7 @@
 #include <QString>
 #include <QVariant>
 
+#include <memory>
 #include <optional>
 
 namespace zel {
@@ -29,6 +32,12 @@ public:
     /// Whether the task is Finished by finish(), which emits finished() next or has done so.
     bool announcesEnd() const;
 
+    /// How others hold on to the task; made by the first of them. May be called from any thread.
+    std::shared_ptr<TaskRef> ref();
+    /// Called when the task's destructor begins.
+    /// Returns whether somebody may hold on to the task.
+    bool clearRef();
+
     bool refusesSource(const BaseTask *source) const;
     void postDeletion();
     Error wait(Qt::ConnectionType wakeUp, int msec) const;
@@ -36,8 +45,10 @@ public:
     static Error destroyedError();
 
     BaseTask *const q;
-    mutable QMutex queueMutex;
+    /// Guards the two that follow.
+    mutable QMutex mutex;
     QPointer<TasksQueue> queue;
+    std::shared_ptr<TaskRef> sharedRef;
     /// Written by setState() alone; atomically, because work on another thread reads it.
     State state = Idle;
     State previousState = Idle;

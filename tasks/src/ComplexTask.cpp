@@ -13,6 +13,12 @@
 
 namespace zel {
 
+namespace {
+
+constexpr QLatin1String groupNameSuffix(":GroupTask");
+
+} // namespace
+
 class Q_DECL_HIDDEN ComplexTask::Private {
 public:
     /// A subtask to be started, in the run that it was in when the group admitted it.
@@ -24,8 +30,10 @@ public:
     };
 
     explicit Private(ComplexTask *task) : q(task) { }
+    ~Private() { link->close(); }
 
     void setupGroupTask(GroupTask *group);
+    GroupTask *ensureGroupTask();
     void onGroupFinished(const GroupTask *group, quint64 use);
     void beginRun();
     void connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure);
@@ -33,8 +41,10 @@ public:
     static void startDirectly(const QList<Admitted> &subtasks);
     void startThroughQueue(const QList<Admitted> &subtasks);
 
+    /// May have been deleted by others.
     QPointer<GroupTask> groupTask;
     ComplexTask *const q;
+    const std::shared_ptr<TaskLink> link = std::make_shared<TaskLink>(q);
     bool hasRun = false; ///< the group has been used by a run
 };
 
@@ -55,6 +65,15 @@ void ComplexTask::Private::setupGroupTask(GroupTask *group)
         Qt::DirectConnection);
 }
 
+GroupTask *ComplexTask::Private::ensureGroupTask()
+{
+    if (!groupTask) {
+        setupGroupTask(new GroupTask(q));
+        groupTask->setName(q->name() + groupNameSuffix);
+    }
+    return groupTask;
+}
+
 void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use)
 {
     if (group && group == groupTask && GroupTask::Private::of(group)->link->use == use)
@@ -64,8 +83,9 @@ void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use)
 // A task that was set idle after a run, as a queue wants it, is run again as well.
 void ComplexTask::Private::beginRun()
 {
-    if (q->isFinished() || (q->isIdle() && hasRun))
-        GroupTask::Private::of(groupTask)->startAfresh();
+    GroupTask *group = ensureGroupTask();
+    if (q->isFinished() || (hasRun && (q->isIdle() || group->isFinished())))
+        GroupTask::Private::of(group)->startAfresh();
 }
 
 void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess,
@@ -73,13 +93,14 @@ void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<voi
 {
     if (!onSuccess && !onFailure)
         return;
-    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread.
+    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread. And this
+    // task may be gone when the subtask ends there.
     connect(
-        task, &Task::finished, q,
-        [this, task, onSuccess, onFailure] {
-            const auto &callback = task->isSuccessful() ? onSuccess : onFailure;
-            if (callback)
-                QMetaObject::invokeMethod(q, callback, Qt::AutoConnection);
+        task, &Task::finished, task,
+        [task, toComplexTask = link, onSuccess, onFailure] {
+            const auto &callback = task->hasError() ? onFailure : onSuccess;
+            if (task->isFinished() && callback)
+                toComplexTask->deliver(callback, Qt::AutoConnection);
         },
         Qt::DirectConnection);
 }
@@ -92,8 +113,8 @@ QList<ComplexTask::Private::Admitted> ComplexTask::Private::admit(const QList<Ta
     for (const QPointer<Task> &task : guarded) {
         if (!self || !task)
             continue;
-        groupTask->append(task);
-        if (self && task && GroupTask::Private::of(groupTask)->lists(task))
+        ensureGroupTask()->append(task);
+        if (self && task && groupTask && GroupTask::Private::of(groupTask)->lists(task))
             admitted.append({task, BaseTask::Private::of(task)->run});
     }
     return admitted;
@@ -125,7 +146,7 @@ void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks)
     queue->append(appended);
     for (const Admitted &subtask : std::as_const(others)) {
         // Refused: nobody would ever start it, and the group would wait for it for ever.
-        if (subtask.isToBeStarted() && subtask.task->isIdle() && !TasksQueueHold::isInQueue(subtask.task))
+        if (subtask.isToBeStarted() && !subtask.task->isRunning() && !TasksQueueHold::lockOf(subtask.task))
             subtask.task->finish(Error(GeneralError, ComplexTask::tr("The queue did not take the task.")));
     }
     for (const Admitted &subtask : std::as_const(complexTasks)) {
@@ -147,8 +168,11 @@ ComplexTask::ComplexTask(QObject *parent) : ComplexTask(QString(), parent) { }
 
 ComplexTask::~ComplexTask()
 {
+    // The queue must not start it any more.
+    TasksQueueHold::removeFromQueue(this);
     // The work may be using the group.
     stopWorkingThread();
+    d->link->close();
     delete d->groupTask;
 }
 
@@ -156,7 +180,7 @@ void ComplexTask::setName(const QString &name)
 {
     BaseTask::setName(name);
     if (d->groupTask)
-        d->groupTask->setName(name + QLatin1String(":GroupTask"));
+        d->groupTask->setName(name + groupNameSuffix);
 }
 
 void ComplexTask::exec()
@@ -166,7 +190,7 @@ void ComplexTask::exec()
     if (!self)
         return;
     d->hasRun = true;
-    d->groupTask->setWaitMode(waitMode());
+    d->ensureGroupTask()->setWaitMode(waitMode());
     if (self)
         Task::exec();
 }
@@ -174,7 +198,8 @@ void ComplexTask::exec()
 void ComplexTask::cancel()
 {
     const QPointer<ComplexTask> self(this);
-    d->groupTask->cancel();
+    if (d->groupTask)
+        d->groupTask->cancel();
     if (self)
         BaseTask::cancel();
 }
@@ -189,7 +214,12 @@ void ComplexTask::setGroupTask(GroupTask *group)
     if (!group || group == d->groupTask)
         return;
     const QPointer<GroupTask> replaced = d->groupTask;
-    GroupTask::Private::of(replaced)->handOverContainers(group);
+    if (replaced && GroupTask::Private::of(replaced)->isWithin(group)) {
+        qCWarning(tasksLog) << "Group" << group->name() << "cannot be that of task" << name() << "which it contains";
+        return;
+    }
+    if (replaced)
+        GroupTask::Private::of(replaced)->handOverContainers(group);
     d->setupGroupTask(group);
     delete replaced;
 }
@@ -199,7 +229,7 @@ void ComplexTask::appendSubtask(Task *task, std::function<void()> onSuccess, std
     if (!task)
         return;
     d->connectSubtaskCallbacks(task, std::move(onSuccess), std::move(onFailure));
-    d->groupTask->append(task);
+    d->ensureGroupTask()->append(task);
 }
 
 void ComplexTask::execSubtask(Task *task)

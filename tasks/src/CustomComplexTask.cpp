@@ -21,9 +21,11 @@ Error CustomComplexTask::doExec()
     const QPointer<GroupTask> group = groupTask();
     const quint64 admissions = GroupTask::Private::of(group)->admissions;
     const Error error = doExecSubtasks();
+    if (!self || error.hasError())
+        return error;
     // Nobody would ever end a group to which nothing came. It may be another one now.
-    if (self && !error.hasError()
-        && !GroupTask::Private::of(groupTask())->hasAdmitted(group == groupTask() ? admissions : 0))
+    const GroupTask *present = groupTask();
+    if (!present || !GroupTask::Private::of(present)->hasAdmitted(group == present ? admissions : 0))
         finish(NoError);
     return error;
 }

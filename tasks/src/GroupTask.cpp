@@ -1,15 +1,15 @@
 #include <zel/tasks/GroupTask.h>
 
+#include "BaseTask_p.h"
 #include "GroupTask_p.h"
-#include "TaskUse.h"
 #include "TasksLog.h"
-#include "TasksQueueHold.h"
 
 #include <zel/common/UnifiedError.h>
 #include <zel/tasks/ComplexTask.h>
 #include <zel/tasks/Task.h>
 #include <zel/tasks/TasksQueue.h>
 
+#include <QPointer>
 #include <QSet>
 #include <QThread>
 
@@ -23,62 +23,113 @@ namespace {
 /// Keeps the mutex itself alive: a handler may delete the group while it is held.
 class GroupLocker {
 public:
-    explicit GroupLocker(std::shared_ptr<QRecursiveMutex> mutex) : m_mutex(std::move(mutex)) { m_mutex->lock(); }
-    ~GroupLocker() { m_mutex->unlock(); }
+    explicit GroupLocker(std::shared_ptr<QRecursiveMutex> mutex) : m_mutex(std::move(mutex))
+    {
+        m_mutex->lock();
+        TaskUse::addHeldLocks(1);
+        ++held;
+    }
+    ~GroupLocker()
+    {
+        m_mutex->unlock();
+        TaskUse::addHeldLocks(-1);
+        if (--held > 0)
+            return;
+        for (const auto &call : std::exchange(calls, {}))
+            call();
+    }
     Q_DISABLE_COPY_MOVE(GroupLocker)
 
+    /// Calls when this thread holds no group's lock any more, for what takes the lock of a queue: a queue that ends
+    /// tasks holds it while the group of such a task takes its own.
+    static void callUnlocked(std::function<void()> call) { calls.push_back(std::move(call)); }
+
 private:
+    static thread_local int held;
+    static thread_local std::vector<std::function<void()>> calls;
     const std::shared_ptr<QRecursiveMutex> m_mutex;
 };
 
-/// Guards the containers of all groups: they are walked from the inside outwards, the groups' locks taken inwards.
-constinit QBasicMutex containersMutex;
+thread_local int GroupLocker::held = 0;
+thread_local std::vector<std::function<void()>> GroupLocker::calls;
+
+/// Guards the nodes of all groups: they are walked from the inside outwards, the groups' locks taken inwards.
+constinit QBasicMutex nodesMutex;
+
+/// Called with the lock of the nodes held: \a node and what contains it.
+QSet<const GroupNode *> withContainers(const std::shared_ptr<GroupNode> &node)
+{
+    QSet<const GroupNode *> seen;
+    std::vector<std::shared_ptr<GroupNode>> open{node};
+    while (!open.empty()) {
+        const std::shared_ptr<GroupNode> current = std::move(open.back());
+        open.pop_back();
+        if (seen.contains(current.get()))
+            continue;
+        seen.insert(current.get());
+        for (const auto &container : current->containers) {
+            if (auto alive = container.lock())
+                open.push_back(std::move(alive));
+        }
+    }
+    return seen;
+}
 
 } // namespace
 
-void GroupLink::deliver(const std::function<void()> &call, Qt::ConnectionType type)
+void TaskLink::deliver(const std::function<void()> &call, Qt::ConnectionType type)
 {
-    QMutexLocker locker(&mutex);
-    if (!group)
+    QMutexLocker locker(&m_mutex);
+    QObject *receiver = m_receiver;
+    if (!receiver)
         return;
-    if (type == Qt::DirectConnection || (type == Qt::AutoConnection && group->thread() == QThread::currentThread())) {
+    // The receiver's own thread may want to destroy it meanwhile.
+    if (type == Qt::BlockingQueuedConnection)
+        locker.unlock();
+    if (type == Qt::DirectConnection
+        || (type == Qt::AutoConnection && receiver->thread() == QThread::currentThread())) {
         locker.unlock();
         call();
         return;
     }
-    QMetaObject::invokeMethod(group, call, type);
+    QMetaObject::invokeMethod(receiver, call, type);
 }
 
-void GroupTask::Private::onChildStarted(const Child &child, quint64 use)
+void TaskLink::close()
+{
+    const QMutexLocker locker(&m_mutex);
+    m_receiver = nullptr;
+}
+
+void GroupTask::Private::onChildStarted(const Child &child, quint64 run, quint64 use)
 {
     const GroupLocker locker(mutex);
     child->hasShare = true;
-    setStarted(child);
-    if (child->isListed)
+    setUnstarted(child, false);
+    // Unless it was stopped meanwhile.
+    if (child->isListed && run > child->handledRun) {
+        child->isLeftOver = false;
         setPending(child, true);
+    }
     if (use == link->use && q->isIdle())
         q->setRunning();
 }
 
-void GroupTask::Private::onChildFinished(const Child &child, quint64 starts, quint64 use, const Error &error)
+void GroupTask::Private::onChildFinished(const Child &child, quint64 run, quint64 use, const Error &error)
 {
     const QPointer<GroupTask> self(q);
     const GroupLocker locker(mutex);
-    if (child->starts != starts)
+    if (!child->isListed || run <= child->begunRun)
         return;
-    BaseTask *task = child->task;
-    if (child->isListed) {
-        setPending(child, false);
-        child->handledStarts = starts;
-        if (cleanupPolicy == DeleteWhenFinished)
-            unlist(child);
-    }
-    if (task && !lists(task))
-        task->deleteLater();
-    if (q->isFinished() || use != link->use)
+    setPending(child, false);
+    setUnstarted(child, false);
+    child->handledRun = run;
+    if (cleanupPolicy == DeleteWhenFinished)
+        unlistAndDelete(child);
+    if (q->isFinished())
         return;
 
-    if (error.hasError()) {
+    if (error.hasError() && use == link->use && !child->isLeftOver) {
         switch (childFailurePolicy) {
         case FailFast:
             q->finish(error);
@@ -96,7 +147,7 @@ void GroupTask::Private::onChildFinished(const Child &child, quint64 starts, qui
             break;
         }
     }
-    if (self)
+    if (self && (use == link->use || q->isRunning()))
         checkFinished();
 }
 
@@ -108,7 +159,8 @@ void GroupTask::Private::onChildProgress(const Child &child, int value, int tota
     progressValue += quint32(value) - std::exchange(child->value, quint32(value));
     progressTotal += quint32(total) - std::exchange(child->total, quint32(total));
     if (total == 0 && !std::exchange(zeroProgressReported, true)) {
-        qCDebug(tasksLog) << "Task" << (child->task ? child->task->name() : QString())
+        const TaskHold hold(*child->ref);
+        qCDebug(tasksLog) << "Task" << (hold.task() ? hold.task()->name() : QString())
                           << "has zero maximum progress. This may lead to inconsistent progress reporting, and it "
                              "usually indicates that the progress reporting for the current GroupTask"
                           << q->name() << "should be reworked";
@@ -121,6 +173,11 @@ void GroupTask::Private::startAfresh()
     const QPointer<GroupTask> self(q);
     const GroupLocker locker(mutex);
     ++link->use;
+    for (const Child &child : children) {
+        child->isLeftOver = true;
+        child->handledRun = child->begunRun;
+        setPending(child, false);
+    }
     errors.clear();
     zeroProgressReported = false;
     q->setCanceled(false);
@@ -129,11 +186,16 @@ void GroupTask::Private::startAfresh()
         q->setIdle();
 }
 
+quint64 GroupTask::Private::runOf(const BaseTask *task)
+{
+    return BaseTask::Private::of(task)->run;
+}
+
 bool GroupTask::Private::lists(const BaseTask *task) const
 {
     const GroupLocker locker(mutex);
     const Child child = stays.value(task);
-    return child && child->isListed && child->task == task;
+    return child && child->isListed && child->task() == task;
 }
 
 bool GroupTask::Private::hasAdmitted(quint64 earlier) const
@@ -147,14 +209,13 @@ void GroupTask::Private::appendTask(BaseTask *task)
     if (!task || refuses(task))
         return;
     if (lists(task)) {
-        // One that ended here and was set idle, to be started again.
         const Child child = stays.value(task);
-        if (task->isIdle())
-            setPending(child, true);
+        if (!task->isFinished() && (task->isIdle() || child->isLeftOver))
+            awaitAgain(child);
         admissions += !child->isFinished;
         return;
     }
-    if (q->isCanceled() || isCanceling) {
+    if (q->isCanceled() || cancelingUse == link->use) {
         task->cancel();
         return;
     }
@@ -165,29 +226,40 @@ void GroupTask::Private::appendTask(BaseTask *task)
 
     ++admissions;
     const auto child = std::make_shared<GroupChild>();
-    child->task = task;
-    child->address = task;
+    child->ref = BaseTask::Private::of(task)->ref();
     child->listed = children.insert(children.end(), child);
     child->pending = pending.insert(pending.end(), child);
     const Child earlier = std::exchange(stays[task], child);
     // Its share is counted already, and replaced; that of another task which had the address stays in the sums.
-    if (earlier && earlier->task == task) {
+    if (earlier && earlier->ref == child->ref) {
         child->value = earlier->value;
         child->total = earlier->total;
     }
-    if (GroupTask *group = groupOf(task)) {
-        const QMutexLocker locker(&containersMutex);
-        of(group)->containers.append(q);
+    if (const GroupTask *group = groupOf(task)) {
+        child->node = of(group)->node;
+        const QMutexLocker locker(&nodesMutex);
+        child->node->containers.push_back(node);
     }
 
     const QPointer<GroupTask> self(q);
+    const auto goesOn = [&self, &child] { return self && child->isListed && child->task(); };
     Q_EMIT q->taskAppended(task);
-    if (!self || !child->isListed || !child->task)
-        return;
-    if (!task->isFinished())
-        addShare(child);
-    if (self && child->isListed && child->task)
-        connectChild(child);
+    if (goesOn() && !task->isFinished())
+        addShare(child, task);
+    if (goesOn())
+        connectChild(child, task);
+}
+
+// One that ended here and was set idle, to be started again, or one that is still at work from before a fresh start.
+void GroupTask::Private::awaitAgain(const Child &child)
+{
+    child->isLeftOver = false;
+    // Ends that are on their way are those of earlier runs.
+    if (child->task()->isIdle()) {
+        child->begunRun = runOf(child->task());
+        setUnstarted(child, true);
+    }
+    setPending(child, true);
 }
 
 GroupTask *GroupTask::Private::groupOf(BaseTask *task)
@@ -197,65 +269,54 @@ GroupTask *GroupTask::Private::groupOf(BaseTask *task)
     return qobject_cast<GroupTask *>(task);
 }
 
-// Of a complex task, which gets another group.
-void GroupTask::Private::handOverContainers(GroupTask *successor)
+bool GroupTask::Private::isWithin(const GroupTask *other) const
 {
-    const QMutexLocker locker(&containersMutex);
-    of(successor)->containers.append(std::exchange(containers, {}));
+    const QMutexLocker locker(&nodesMutex);
+    return withContainers(node).contains(of(other)->node.get());
 }
 
-// Up through the groups that contain this one.
+void GroupTask::Private::handOverContainers(GroupTask *successor)
+{
+    const QMutexLocker locker(&nodesMutex);
+    auto &to = of(successor)->node->containers;
+    to.insert(to.end(), node->containers.begin(), node->containers.end());
+    node->containers.clear();
+    node->successor = of(successor)->node;
+}
+
 bool GroupTask::Private::refuses(BaseTask *task) const
 {
-    const GroupTask *refused = groupOf(task);
-    if (!refused)
-        return false;
-    QSet<const GroupTask *> seen;
-    QList<const GroupTask *> open{q};
-    QMutexLocker locker(&containersMutex);
-    while (!open.isEmpty() && !seen.contains(refused)) {
-        const GroupTask *group = open.takeLast();
-        if (seen.contains(group))
-            continue;
-        seen.insert(group);
-        for (const GroupTask *container : std::as_const(of(group)->containers))
-            open.append(container);
-    }
-    locker.unlock();
-    if (!seen.contains(refused))
+    const GroupTask *group = groupOf(task);
+    if (!group || !isWithin(group))
         return false;
     qCWarning(tasksLog) << "Task" << task->name() << "cannot be a child of group" << q->name()
                         << "which it is or contains";
     return true;
 }
 
-void GroupTask::Private::addShare(const Child &child)
+void GroupTask::Private::addShare(const Child &child, const BaseTask *task)
 {
-    const int value = child->task->currentProgress();
-    const int total = child->task->totalProgress();
+    const int value = task->currentProgress();
+    const int total = task->totalProgress();
     child->hasShare = true;
     progressValue += quint32(value) - std::exchange(child->value, quint32(value));
     progressTotal += quint32(total) - std::exchange(child->total, quint32(total));
     q->setProgress(int(progressValue), int(progressTotal));
 }
 
-void GroupTask::Private::connectChild(const Child &child)
+void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
 {
-    BaseTask *task = child->task;
     // One that was paused before its start gets idle again.
-    if (task->isIdle() || task->isPaused()) {
-        child->isUnstarted = true;
-        child->unstarted = unstarted.insert(unstarted.end(), child);
-    }
+    setUnstarted(child, task->isIdle() || task->isPaused());
     // Start and end are taken note of where they happen, and handled where the connection type says: the error and
     // the run are those of the moment, and the child may be gone by the time of the handling.
-    const auto onStarted = [this, toGroup = link, child, type = connectionType] {
-        ++child->starts;
-        child->isEndReported = false;
-        toGroup->deliver([this, child, use = toGroup->use.load()] { onChildStarted(child, use); }, type);
+    const auto onStarted = [this, toGroup = link, child, task, type = connectionType] {
+        const quint64 run = runOf(task);
+        child->begunRun = run;
+        toGroup->deliver([this, child, run, use = toGroup->use.load()] { onChildStarted(child, run, use); }, type);
     };
     const auto onFinished = [this, toGroup = link, child, task, type = connectionType] {
-        reportEnd(toGroup, child, task->error(), type);
+        reportEnd(toGroup, child, task, type);
     };
     child->connections = {
         connect(task, &BaseTask::started, q, onStarted, Qt::DirectConnection),
@@ -266,17 +327,18 @@ void GroupTask::Private::connectChild(const Child &child)
     };
     // It came finished, or has finished on another thread before the connections were there.
     if (task->isFinished())
-        reportEnd(link, child, task->error(), connectionType);
+        reportEnd(link, child, task, connectionType);
 }
 
-// Once per run of the child, on the thread that ends it.
-void GroupTask::Private::reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const Error &error,
+// Once per run of the child, on the thread that ends it. Not where an earlier handler of finished() began another run.
+void GroupTask::Private::reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const BaseTask *task,
                                    Qt::ConnectionType type)
 {
-    if (child->isEndReported.exchange(true))
+    const quint64 run = runOf(task);
+    if (!task->isFinished() || child->reportedRun.exchange(run) == run)
         return;
-    const auto handle = [this, child, starts = child->starts.load(), use = toGroup->use.load(), error] {
-        onChildFinished(child, starts, use, error);
+    const auto handle = [this, child, run, use = toGroup->use.load(), error = task->error()] {
+        onChildFinished(child, run, use, error);
     };
     toGroup->deliver(handle, type);
 }
@@ -297,19 +359,15 @@ void GroupTask::Private::checkFinished()
 bool GroupTask::Private::isAnyStartedAgain() const
 {
     return std::any_of(children.cbegin(), children.cend(),
-                       [](const Child &child) { return child->starts != child->handledStarts && !child->isGone(); });
+                       [](const Child &child) { return child->begunRun > child->handledRun && !child->isGone(); });
 }
 
 void GroupTask::Private::cleanup()
 {
     if (cleanupPolicy != DeleteWithGroup)
         return;
-    while (!children.empty()) {
-        const Child child = children.front();
-        unlist(child);
-        if (child->task)
-            child->task->deleteLater();
-    }
+    while (!children.empty())
+        unlistAndDelete(children.front());
 }
 
 void GroupTask::Private::setPending(const Child &child, bool isPending)
@@ -323,9 +381,14 @@ void GroupTask::Private::setPending(const Child &child, bool isPending)
         pending.erase(child->pending);
 }
 
-void GroupTask::Private::setStarted(const Child &child)
+void GroupTask::Private::setUnstarted(const Child &child, bool isUnstarted)
 {
-    if (std::exchange(child->isUnstarted, false))
+    if (child->isUnstarted == isUnstarted)
+        return;
+    child->isUnstarted = isUnstarted;
+    if (isUnstarted)
+        child->unstarted = unstarted.insert(unstarted.end(), child);
+    else
         unstarted.erase(child->unstarted);
 }
 
@@ -335,14 +398,22 @@ void GroupTask::Private::unlist(const Child &child)
         return;
     const Child held = child;
     setPending(held, false);
-    setStarted(held);
+    setUnstarted(held, false);
     children.erase(held->listed);
     for (const QMetaObject::Connection &connection : std::exchange(held->connections, {}))
         QObject::disconnect(connection);
-    if (GroupTask *group = groupOf(held->task)) {
-        const QMutexLocker locker(&containersMutex);
-        of(group)->containers.removeAll(q);
-    }
+    const QMutexLocker locker(&nodesMutex);
+    for (auto contained = held->node; contained; contained = contained->successor.lock())
+        std::erase_if(contained->containers, [this](const auto &container) { return container.lock() == node; });
+}
+
+void GroupTask::Private::unlistAndDelete(const Child &child)
+{
+    const Child held = child;
+    unlist(held);
+    const TaskHold hold(*held->ref);
+    if (hold.task())
+        hold.task()->deleteLater();
 }
 
 void GroupTask::Private::cancelUnfinishedChildren()
@@ -350,58 +421,75 @@ void GroupTask::Private::cancelUnfinishedChildren()
     stop({children.cbegin(), children.cend()}, cancelSubtasksMode);
 }
 
-// Looks only at children that have not been looked at since they were appended.
+// Looks only at children that have not been seen to start.
 void GroupTask::Private::cancelIdleChildren()
 {
     QList<Child> idle;
     for (auto next = unstarted.cbegin(); next != unstarted.cend();) {
         const Child child = *next++;
-        if (child->task && child->task->isPaused())
-            continue;
-        setStarted(child);
-        if (child->task && child->task->isIdle())
+        const TaskHold hold(*child->ref);
+        if (hold.task() && hold.task()->isIdle())
             idle.append(child);
+        else if (!hold.task() || !hold.task()->isPaused())
+            setUnstarted(child, false);
     }
     stop(idle, cancelSubtasksMode);
 }
 
-void GroupTask::Private::stop(QList<Child> stopped, CancelSubtasksMode mode)
+void GroupTask::Private::stop(const QList<Child> &unfinished, CancelSubtasksMode mode)
 {
-    stopped.removeIf([](const Child &child) { return !child->task || child->task->isFinished(); });
-    if (mode == FinishSubtasks)
-        std::stable_partition(stopped.begin(), stopped.end(), [](const Child &child) { return child->task->isIdle(); });
+    const QList<Child> stopped = inOrderOfStop(unfinished, mode);
     // No queue starts one of them in the place of another.
-    QSet<TasksQueue *> queues;
-    addQueues(stopped, queues);
-    const TasksQueueHold hold(queues);
+    TasksQueueLocks locks;
+    addQueues(stopped, locks);
+    const auto queuesHold = std::make_shared<TasksQueueHold>(std::move(locks));
 
     const QPointer<GroupTask> self(q);
-    for (const Child &child : std::as_const(stopped)) {
-        if (!child->task || child->task->isFinished())
+    for (const Child &child : stopped) {
+        const TaskHold hold(*child->ref);
+        BaseTask *task = hold.task();
+        if (!task || task->isFinished())
             continue;
-        qCDebug(tasksLog) << "Cancelling child task" << child->task->name();
+        qCDebug(tasksLog) << "Cancelling child task" << task->name();
         if (mode == CancelSubtasks)
-            child->task->cancel();
+            task->cancel();
         else if (mode == FinishSubtasks)
-            stopQuietly(child->task);
+            stopQuietly(task);
         if (!self)
-            return;
+            break;
     }
-    if (mode == FinishSubtasks)
+    if (self && mode == FinishSubtasks)
         dropStopped(stopped);
+    GroupLocker::callUnlocked([queuesHold] {});
 }
 
-void GroupTask::Private::addQueues(const auto &stopped, QSet<TasksQueue *> &queues)
+// Quietly, idle ones go first.
+QList<GroupTask::Private::Child> GroupTask::Private::inOrderOfStop(const QList<Child> &unfinished,
+                                                                   CancelSubtasksMode mode)
+{
+    QList<Child> first;
+    QList<Child> others;
+    for (const Child &child : unfinished) {
+        const TaskHold hold(*child->ref);
+        if (!hold.task() || hold.task()->isFinished())
+            continue;
+        const bool isFirst = mode == FinishSubtasks && hold.task()->isIdle();
+        (isFirst ? first : others).append(child);
+    }
+    return first + others;
+}
+
+void GroupTask::Private::addQueues(const auto &stopped, TasksQueueLocks &locks)
 {
     for (const Child &child : stopped) {
-        BaseTask *task = child->task;
-        if (!task)
-            continue;
-        if (TasksQueue *queue = task->queue())
-            queues.insert(queue);
-        if (const GroupTask *group = groupOf(task)) {
+        const TaskHold hold(*child->ref);
+        if (const auto task = qobject_cast<Task *>(hold.task())) {
+            if (auto lock = TasksQueueHold::lockOf(task))
+                locks.insert(std::move(lock));
+        }
+        if (const GroupTask *group = groupOf(hold.task())) {
             const GroupLocker locker(of(group)->mutex);
-            addQueues(of(group)->children, queues);
+            addQueues(of(group)->children, locks);
         }
     }
 }
@@ -423,18 +511,25 @@ void GroupTask::Private::stopQuietly(BaseTask *task)
 void GroupTask::Private::dropStopped(const QList<Child> &stopped)
 {
     for (const Child &child : stopped) {
+        const TaskHold hold(*child->ref);
         // A handler may have run it again.
-        if (!child->isListed || (child->task && !child->task->isFinished()))
+        if (!child->isListed || (hold.task() && !hold.task()->isFinished()))
             continue;
         setPending(child, false);
-        child->handledStarts = child->starts;
+        setUnstarted(child, false);
+        child->handledRun = hold.task() ? runOf(hold.task()) : child->begunRun.load();
         if (cleanupPolicy == DeleteWhenFinished)
-            unlist(child);
-        if (const auto task = qobject_cast<Task *>(child->task.data()))
-            TasksQueueHold::removeFromQueue(task);
-        if (child->task && !child->isListed)
-            child->task->deleteLater();
+            unlistAndDelete(child);
+        GroupLocker::callUnlocked([ref = child->ref] { leaveQueue(*ref); });
     }
+}
+
+void GroupTask::Private::leaveQueue(const TaskRef &ref)
+{
+    const TaskHold hold(ref);
+    const auto task = qobject_cast<Task *>(hold.task());
+    if (task && task->isFinished())
+        TasksQueueHold::removeFromQueue(task);
 }
 
 GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this))
@@ -447,11 +542,9 @@ GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Pri
 
 GroupTask::~GroupTask()
 {
+    BaseTask::Private::of(this)->clearRef();
     TaskUse::waitForOthers(this);
-    {
-        const QMutexLocker locker(&d->link->mutex);
-        d->link->group = nullptr;
-    }
+    d->link->close();
     const GroupLocker locker(d->mutex);
     d->cleanup();
     // Connections that are at work on other threads find nothing to do.
@@ -495,7 +588,8 @@ QList<BaseTask *> GroupTask::subtasks(GetSubtasksModes mode) const
     const GroupLocker locker(d->mutex);
     QList<BaseTask *> tasks;
     for (const Private::Child &child : std::as_const(d->children)) {
-        BaseTask *task = child->task;
+        const TaskHold hold(*child->ref);
+        BaseTask *task = hold.task();
         if (!mode.testFlag(Executable) || qobject_cast<Task *>(task))
             tasks.append(task);
         if (const auto group = qobject_cast<GroupTask *>(task); group && mode.testFlag(Recursive))
@@ -517,8 +611,10 @@ QList<Task *> GroupTask::executableSubtasks(bool recursive) const
 int GroupTask::pendingChildrenCount() const
 {
     const GroupLocker locker(d->mutex);
-    return int(std::count_if(d->children.cbegin(), d->children.cend(),
-                             [](const Private::Child &child) { return child->task && !child->task->isFinished(); }));
+    return int(std::count_if(d->children.cbegin(), d->children.cend(), [](const Private::Child &child) {
+        const TaskHold hold(*child->ref);
+        return hold.task() && !hold.task()->isFinished();
+    }));
 }
 
 bool GroupTask::isEmpty() const
@@ -551,8 +647,9 @@ void GroupTask::setCleanupPolicy(CleanupPolicy policy)
     if (policy == SelfDelete)
         return;
     for (const Private::Child &child : std::as_const(d->children)) {
-        if (child->task)
-            child->task->setDeleteOnFinished(false);
+        const TaskHold hold(*child->ref);
+        if (hold.task())
+            hold.task()->setDeleteOnFinished(false);
     }
 }
 
@@ -587,16 +684,18 @@ void GroupTask::cancel()
         return;
     const QPointer<GroupTask> self(this);
     const GroupLocker locker(d->mutex);
-    // A child whose handlers cancel the group when it ends would begin all this again.
-    if (std::exchange(d->isCanceling, true))
-        return;
     const quint64 use = d->link->use;
+    // A child whose handlers cancel the group when it ends would begin all this again.
+    if (d->cancelingUse == use)
+        return;
+    d->cancelingUse = use;
     d->cancelUnfinishedChildren();
     if (self)
         BaseTask::cancel();
     if (!self)
         return;
-    d->isCanceling = false;
+    if (d->cancelingUse == use)
+        d->cancelingUse.reset();
     if (use == d->link->use)
         d->cleanup();
 }

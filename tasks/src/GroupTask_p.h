@@ -1,20 +1,30 @@
 #pragma once
 
+#include "TaskRef.h"
+#include "TasksQueueHold.h"
+
 #include <zel/tasks/GroupTask.h>
 
 #include <QHash>
 #include <QList>
 #include <QMutex>
-#include <QPointer>
-#include <QSet>
 
 #include <array>
 #include <atomic>
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace zel {
+
+/// A group, or the complex task that it belongs to, in the order of who contains whom. Guarded by one lock for all.
+struct GroupNode {
+    std::vector<std::weak_ptr<GroupNode>> containers;
+    /// Of the group that took the place of this one in its complex task.
+    std::weak_ptr<GroupNode> successor;
+};
 
 /**
  * One stay of a task in a group's list. Shared with what is connected and posted for it: a task that is appended again
@@ -23,35 +33,49 @@ namespace zel {
 struct GroupChild {
     using List = std::list<std::shared_ptr<GroupChild>>;
 
-    QPointer<BaseTask> task;
-    const BaseTask *address = nullptr; ///< compared, never used
-    List::iterator listed;             ///< place in the list of children, while isListed
-    List::iterator pending;            ///< place in the list of pending ones, while not isFinished
+    std::shared_ptr<TaskRef> ref;
+    std::shared_ptr<GroupNode> node; ///< that of its group, when it is a group or has one
+    List::iterator listed;           ///< place in the list of children, while isListed
+    List::iterator pending;          ///< place in the list of pending ones, while not isFinished
     bool isListed = true;
     bool isFinished = false;  ///< its end was handled, or it was stopped quietly
     bool isUnstarted = false; ///< stands in the list of those that have not started
+    bool isLeftOver = false;  ///< from before the group's fresh start, which does not wait for it
     List::iterator unstarted;
-    quint64 handledStarts = 0; ///< starts, when its end was handled
-    bool hasShare = false;     ///< its progress counts: not that of one that came finished and has not started again
-    quint32 value = 0;         ///< its share of the sums
+    bool hasShare = false; ///< its progress counts: not that of one that came finished and has not started again
+    quint32 value = 0;     ///< its share of the sums
     quint32 total = 0;
     std::array<QMetaObject::Connection, 3> connections;
-    /// How often it was started, as seen on its thread: tells a late end from that of the present run.
-    std::atomic<quint64> starts{0};
-    /// The end of the present run was taken note of.
-    std::atomic<bool> isEndReported{false};
+    // Numbers of the child's runs; that of a run that has ended is larger than what it was when it began.
+    quint64 handledRun = 0; ///< whose end was handled
+    /// The last that is known to have begun, or to be awaited: earlier ends are of no interest.
+    std::atomic<quint64> begunRun{0};
+    /// Whose end was taken note of, on the child's thread.
+    std::atomic<quint64> reportedRun{0};
 
+    BaseTask *task() const { return ref->get(); }
     /// Destroyed, and no end of it is on its way to the group.
-    bool isGone() const { return !task && !isEndReported; }
+    bool isGone() const { return !task() && reportedRun <= handledRun; }
 };
 
-/// How children in other threads reach their group, and find that it is gone.
-struct GroupLink {
-    /// Calls, or posts to the group's thread, by the type of a connection.
-    void deliver(const std::function<void()> &call, Qt::ConnectionType type);
+/// How tasks in other threads reach the object that follows them, and find that it is gone.
+class TaskLink {
+public:
+    explicit TaskLink(QObject *receiver) : m_receiver(receiver) { }
 
-    QMutex mutex;
-    GroupTask *group; ///< null once it is being destroyed
+    /// Calls, or posts to the receiver's thread, by the type of a connection.
+    void deliver(const std::function<void()> &call, Qt::ConnectionType type);
+    /// Nothing arrives any more. Called when the receiver's destructor begins.
+    void close();
+
+private:
+    QMutex m_mutex;
+    QObject *m_receiver;
+};
+
+struct GroupLink : TaskLink {
+    using TaskLink::TaskLink;
+
     /// Changes when the group begins anew: what was emitted before does not act on it.
     std::atomic<quint64> use{0};
 };
@@ -60,47 +84,56 @@ class Q_DECL_HIDDEN GroupTask::Private {
 public:
     using Child = std::shared_ptr<GroupChild>;
 
-    explicit Private(GroupTask *group) : q(group) { link->group = group; }
+    explicit Private(GroupTask *group) : q(group), link(std::make_shared<GroupLink>(group)) { }
 
     static Private *of(const GroupTask *group) { return group->d.get(); }
 
     // These take the lock.
-    void onChildStarted(const Child &child, quint64 use);
-    void onChildFinished(const Child &child, quint64 starts, quint64 use, const Error &error);
+    void onChildStarted(const Child &child, quint64 run, quint64 use);
+    void onChildFinished(const Child &child, quint64 run, quint64 use, const Error &error);
     void onChildProgress(const Child &child, int value, int total);
     void startAfresh();
     bool lists(const BaseTask *task) const;
     /// Whether there is something to wait for since there were \a earlier admissions.
     bool hasAdmitted(quint64 earlier) const;
+    static quint64 runOf(const BaseTask *task);
     /// The group that \a task is or has, null for other tasks.
     static GroupTask *groupOf(BaseTask *task);
+    /// Whether \a other contains this group, directly or not, or is it.
+    bool isWithin(const GroupTask *other) const;
+    /// For a complex task, which gets another group.
     void handOverContainers(GroupTask *successor);
 
     // These are called with the lock held.
     void appendTask(BaseTask *task);
     bool refuses(BaseTask *task) const;
-    void addShare(const Child &child);
-    void connectChild(const Child &child);
-    void reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const Error &error,
+    void awaitAgain(const Child &child);
+    void addShare(const Child &child, const BaseTask *task);
+    void connectChild(const Child &child, BaseTask *task);
+    void reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const BaseTask *task,
                    Qt::ConnectionType type);
     void checkFinished();
     bool isAnyStartedAgain() const;
     void cleanup();
     void setPending(const Child &child, bool isPending);
-    void setStarted(const Child &child);
+    void setUnstarted(const Child &child, bool isUnstarted);
     void unlist(const Child &child);
+    void unlistAndDelete(const Child &child);
     void cancelUnfinishedChildren();
     void cancelIdleChildren();
-    void stop(QList<Child> stopped, CancelSubtasksMode mode);
-    static void addQueues(const auto &stopped, QSet<TasksQueue *> &queues);
-    void stopQuietly(BaseTask *task);
+    void stop(const QList<Child> &unfinished, CancelSubtasksMode mode);
+    static QList<Child> inOrderOfStop(const QList<Child> &unfinished, CancelSubtasksMode mode);
+    static void addQueues(const auto &stopped, TasksQueueLocks &locks);
+    static void stopQuietly(BaseTask *task);
     void dropStopped(const QList<Child> &stopped);
+    static void leaveQueue(const TaskRef &ref);
 
     GroupTask *const q;
     /// Held while the group's signals are emitted, whose handlers may delete the group: shared with whoever holds it.
     const std::shared_ptr<QRecursiveMutex> mutex = std::make_shared<QRecursiveMutex>();
 
-    const std::shared_ptr<GroupLink> link = std::make_shared<GroupLink>();
+    const std::shared_ptr<GroupLink> link;
+    const std::shared_ptr<GroupNode> node = std::make_shared<GroupNode>();
 
     GroupChild::List children;
     /// Children whose end was not handled. Destroyed ones are dropped when the group looks whether it is done.
@@ -109,8 +142,6 @@ public:
     GroupChild::List unstarted;
     /// The last stay of every task that was ever listed, by its address; another task may have that address now.
     QHash<const BaseTask *, Child> stays;
-    /// The groups that list this one, or the complex task that owns it. Guarded by a lock of its own.
-    QList<GroupTask *> containers;
     WaitMode waitMode = WaitAll;
     CleanupPolicy cleanupPolicy = DeleteWhenFinished;
     CancelSubtasksMode cancelSubtasksMode = FinishSubtasks;
@@ -118,7 +149,8 @@ public:
     Qt::ConnectionType connectionType = Qt::QueuedConnection;
     QList<Error> errors;
     bool zeroProgressReported = false;
-    bool isCanceling = false; ///< cancel() is at work
+    /// The use of the group that cancel() is at work on.
+    std::optional<quint64> cancelingUse;
     /// Sums of the shares, of children that are gone too. Unsigned: they wrap.
     quint32 progressValue = 0;
     quint32 progressTotal = 0;

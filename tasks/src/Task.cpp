@@ -221,6 +221,7 @@ Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, p
 Task::~Task()
 {
     Q_EMIT aboutToDestroy();
+    BaseTask::Private::of(this)->clearRef();
     TaskUse::waitForOthers(this);
     // A queue that was just connecting to the task again did not hear the signal.
     if (const auto lock = d->queueLock())

@@ -7,37 +7,35 @@
 
 namespace zel {
 
-TasksQueueHold::TasksQueueHold(const QSet<TasksQueue *> &queues)
+TasksQueueHold::TasksQueueHold(TasksQueueLocks locks) : m_locks(std::move(locks))
 {
-    for (const TasksQueue *queue : queues) {
-        const TasksQueueLocker locker(queue->d->lock);
-        ++queue->d->lock->holds;
-        m_locks.append(queue->d->lock);
-    }
+    for (const auto &lock : m_locks)
+        ++lock->holds;
 }
 
+// What the queues owe is posted to their threads.
 TasksQueueHold::~TasksQueueHold()
 {
-    for (const auto &lock : std::as_const(m_locks)) {
+    for (const auto &lock : m_locks) {
         const TasksQueueLocker locker(lock);
-        if (--lock->holds == 0 && std::exchange(lock->isDispatchHeld, false))
+        if (--lock->holds == 0 && lock->isDispatchHeld.exchange(false))
             lock->postDispatch();
     }
 }
 
+std::shared_ptr<TasksQueueLock> TasksQueueHold::lockOf(const Task *task)
+{
+    return task->d->queueLock();
+}
+
 void TasksQueueHold::removeFromQueue(Task *task)
 {
-    const auto lock = task->d->queueLock();
+    const auto lock = lockOf(task);
     if (!lock)
         return;
     const TasksQueueLocker locker(lock);
     if (lock->queue)
         lock->queue->removeTask(task);
-}
-
-bool TasksQueueHold::isInQueue(const Task *task)
-{
-    return task->d->queueLock() != nullptr;
 }
 
 } // namespace zel

@@ -36,9 +36,10 @@ public:
     /// The dispatch passes that were asked for while the mutex was held: they start nothing before it is released.
     int passesOwed = 0;
     bool dispatchPosted = false;
-    /// How many TasksQueueHold keep the queue from dispatching, and whether it was asked to meanwhile.
-    int holds = 0;
-    bool isDispatchHeld = false;
+    /// How many TasksQueueHold keep the queue from dispatching, and whether it was asked to meanwhile. A hold begins
+    /// without the mutex and ends with it.
+    std::atomic<int> holds = 0;
+    std::atomic<bool> isDispatchHeld = false;
     /// Both null once the queue is gone.
     TasksQueue *queue;
     /// The queue's private part: receives what is posted to the queue's thread.

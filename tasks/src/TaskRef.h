@@ -1,0 +1,56 @@
+#pragma once
+
+#include "TaskUse.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+
+#include <atomic>
+#include <optional>
+
+namespace zel {
+
+class BaseTask;
+
+/// A task as others hold on to it: null once its destructor has begun, on whichever thread that is.
+class TaskRef {
+public:
+    explicit TaskRef(BaseTask *task) : m_task(task) { }
+
+    /// To be compared, or used by the thread that would destroy the task. Others take a TaskHold.
+    BaseTask *get() const { return m_task; }
+    /// Returns whether the reference was not null.
+    bool clear()
+    {
+        const QMutexLocker locker(&m_mutex);
+        return m_task.exchange(nullptr);
+    }
+
+private:
+    friend class TaskHold;
+    mutable QMutex m_mutex;
+    std::atomic<BaseTask *> m_task;
+};
+
+/// The task of a reference, which no other thread destroys while this object lives. This one may, in a handler: look at
+/// the reference again after every call.
+class TaskHold {
+public:
+    explicit TaskHold(const TaskRef &ref)
+    {
+        const QMutexLocker locker(&ref.m_mutex);
+        m_task = ref.m_task;
+        if (m_task)
+            m_use.emplace(m_task);
+    }
+    Q_DISABLE_COPY_MOVE(TaskHold)
+
+    /// Null when the task is gone.
+    BaseTask *task() const { return m_task; }
+
+private:
+    BaseTask *m_task;
+    std::optional<TaskUse> m_use;
+};
+
+} // namespace zel
