@@ -1,4 +1,5 @@
 #include "support/EventLog.h"
+#include "support/LogCapture.h"
 #include "support/Rows.h"
 #include "support/Waiting.h"
 
@@ -164,7 +165,9 @@ private Q_SLOTS:
         Batch *inner = bench.batch(u"inner"_s, {bench.task(u"c"_s)});
         Task *urgent = bench.task(u"b"_s);
         Task *refused = bench.quick(u"x"_s);
-        Batch *batch = bench.batch(u"batch"_s, {inner, bench.task(u"a"_s), refused, urgent});
+        Task *paused = bench.quick(u"p"_s);
+        paused->pause();
+        Batch *batch = bench.batch(u"batch"_s, {inner, bench.task(u"a"_s), refused, urgent, paused});
         batch->groupTask()->setChildFailurePolicy(GroupTask::ContinueOnFailure);
         batch->setPriority(1);
         batch->setSubtaskPriority(urgent);
@@ -173,7 +176,7 @@ private Q_SLOTS:
         refused->setPriority(11);
         bench.queue.append(batch);
         // They come to the queue together: the urgent one is first. The complex one waits for nobody.
-        QCOMPARE(bench.log.take(), u"batch:started b:started x:finished inner:started"_s);
+        QCOMPARE(bench.log.take(), u"batch:started b:started x:finished p:finished inner:started"_s);
         for (Task *task : {urgent, bench.find(u"a"_s), bench.find(u"c"_s)}) {
             task->finish();
             drainEvents();
@@ -330,6 +333,75 @@ private Q_SLOTS:
     void anythingMayBeDeletedInHandlers_data()
     {
         addRows<QByteArray>({{"end", "f"}, {"cancel", "c"}, {"second run", "ce"}, {"new group", "g"}});
+    }
+
+    void groupMayBeDeletedByOthers()
+    {
+        Bench bench;
+        Batch *batch = bench.batch(u"batch"_s, {bench.quick(u"a"_s)});
+        delete batch->groupTask();
+        batch->cancel();
+        QVERIFY(batch->isCanceled());
+        batch->exec();
+        drainEvents();
+        QVERIFY(batch->isSuccessful());
+        delete batch->groupTask();
+        batch->setGroupTask(new GroupTask(batch));
+        QVERIFY(batch->groupTask());
+    }
+
+    void groupThatContainsTheTaskIsRefused()
+    {
+        Bench bench;
+        Batch *batch = bench.batch(u"batch"_s);
+        GroupTask *own = batch->groupTask();
+        GroupTask outer;
+        GroupTask middle;
+        outer.append(&middle);
+        middle.append(batch);
+        for (GroupTask *group : {&outer, &middle}) {
+            LogCapture log;
+            batch->setGroupTask(group);
+            QCOMPARE(log.takeWarnings().size(), 1);
+            QCOMPARE(batch->groupTask(), own);
+        }
+    }
+
+    void queueDoesNotStartADyingTask()
+    {
+        Bench bench;
+        bench.queue.setMaxRunningTasksCount(1);
+        bench.queue.append(bench.task(u"busy"_s));
+        Batch *batch = bench.batch(u"batch"_s);
+        bench.queue.append(batch);
+        bench.log.take();
+        connect(batch->groupTask(), &QObject::destroyed, this, [&] {
+            bench.queue.setMaxRunningTasksCount(2);
+            bench.queue.tryExec();
+        });
+        delete batch;
+        QCOMPARE(bench.log.take(), QString());
+    }
+
+    void subtaskOfAnEarlierRunIsNobodysBusiness()
+    {
+        Bench bench;
+        Task *early = bench.task(u"early"_s);
+        Task *late = bench.task(u"late"_s);
+        Batch *batch = bench.batch(u"batch"_s, {early});
+        batch->result = Error(Timeout);
+        batch->exec();
+        QVERIFY(batch->error().equals(Timeout) && early->isRunning());
+
+        batch->result = Error();
+        batch->subtasks = {late};
+        batch->exec();
+        early->finish(Error(UserError));
+        drainEvents();
+        QVERIFY(batch->isRunning());
+        late->finish();
+        drainEvents();
+        QVERIFY(batch->isSuccessful());
     }
 
     void anythingMayBeDeletedInHandlers()

@@ -565,6 +565,37 @@ private Q_SLOTS:
         }
     }
 
+    void endThatAHandlerTookBackIsNone()
+    {
+        GroupTask group;
+        QPointer<Task> child = new Task(Task::Asynchronous);
+        int ends = 0;
+        // Connected before the group.
+        connect(child, &Task::finished, this, [&] { ++ends == 1 ? child->exec() : void(); });
+        group.append(child);
+        child->exec();
+        child->finish(Error(UserError));
+        drainEvents();
+        QVERIFY(child && child->isRunning() && group.isRunning());
+        child->finish();
+        drainEvents();
+        QVERIFY(!child && group.isSuccessful());
+    }
+
+    void freshRunInsideCancelIsNotCanceled()
+    {
+        Bench bench;
+        bench.running(u"a"_s);
+        bench.log.on(u"g:finished"_s, [&] {
+            bench.group->setIdle();
+            bench.group->append(bench.task(u"b"_s));
+        });
+        bench.group->cancel();
+        QVERIFY(bench.group->isIdle() && !bench.find(u"b"_s)->isFinished());
+        bench.group->cancel();
+        QVERIFY(bench.group->isCanceled());
+    }
+
     void anythingMayHappenInHandlers()
     {
         QFETCH(QByteArray, operation);
@@ -633,6 +664,7 @@ private Q_SLOTS:
             task->moveToThread(threads.back().get());
             threads.back()->start();
         }
+        QTRY_VERIFY_WITH_TIMEOUT(bench.group->isFinished(), 30'000);
         for (const auto &thread : threads)
             thread->wait();
         drainEvents();

@@ -50,6 +50,8 @@ Q_CONSTRUCTOR_FUNCTION(registerMetaTypes)
 
 } // namespace
 
+std::atomic<quint64> BaseTask::Private::resets{0};
+
 BaseTask::Private::Private(BaseTask *task) : QObject(task), q(task) { }
 
 BaseTask::Private::~Private() = default;
@@ -415,6 +417,8 @@ void BaseTask::setState(State state)
     const bool ends = state == Finished && left != Finished && !isResumed && !d->isEnding() && !d->announcesEnd();
     if (begins || isReset || ends)
         ++d->run;
+    if (isReset)
+        Private::resets.fetch_add(1);
     if (left == Finished && (begins || isReset))
         setCanceled(false);
     if (state == Paused && left != Paused)

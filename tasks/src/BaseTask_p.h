@@ -11,6 +11,7 @@
 #include <QString>
 #include <QVariant>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 
@@ -43,6 +44,9 @@ public:
     Error wait(Qt::ConnectionType wakeUp, int msec) const;
     /// What whoever waits gets when the task is destroyed first.
     static Error destroyedError();
+
+    /// How often any task was set idle after it had been something else.
+    static std::atomic<quint64> resets;
 
     BaseTask *const q;
     /// Guards the two that follow.

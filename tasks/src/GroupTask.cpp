@@ -421,9 +421,13 @@ void GroupTask::Private::cancelUnfinishedChildren()
     stop({children.cbegin(), children.cend()}, cancelSubtasksMode);
 }
 
-// Looks only at children that have not been seen to start.
+// Looks only at children that have not been seen to start; at all of them when it may be that one was set idle by hand.
 void GroupTask::Private::cancelIdleChildren()
 {
+    if (const quint64 resets = BaseTask::Private::resets; std::exchange(knownResets, resets) != resets) {
+        for (const Child &child : children)
+            setUnstarted(child, true);
+    }
     QList<Child> idle;
     for (auto next = unstarted.cbegin(); next != unstarted.cend();) {
         const Child child = *next++;

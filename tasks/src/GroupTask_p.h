@@ -140,6 +140,8 @@ public:
     GroupChild::List pending;
     /// Children that were idle when they were appended and have not been seen to start.
     GroupChild::List unstarted;
+    /// How many tasks had been set idle when the unstarted ones were looked at.
+    quint64 knownResets = 0;
     /// The last stay of every task that was ever listed, by its address; another task may have that address now.
     QHash<const BaseTask *, Child> stays;
     WaitMode waitMode = WaitAll;
