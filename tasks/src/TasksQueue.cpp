@@ -72,8 +72,8 @@ void TasksQueueLock::postDispatch()
 TasksQueueLocker::TasksQueueLocker(std::shared_ptr<TasksQueueLock> lock) : m_lock(std::move(lock))
 {
     m_lock->mutex.lock();
-    ++m_lock->depth;
-    TaskUse::addHeldLocks(1);
+    if (++m_lock->depth == 1)
+        TaskUse::addHeldLocks(1);
 }
 
 TasksQueueLocker::~TasksQueueLocker()
@@ -90,7 +90,8 @@ int TasksQueueLocker::unlock()
     m_isLocked = false;
     const bool isOutermost = --m_lock->depth == 0;
     const int passes = isOutermost ? std::exchange(m_lock->passesOwed, 0) : 0;
-    TaskUse::addHeldLocks(-1);
+    if (isOutermost)
+        TaskUse::addHeldLocks(-1);
     m_lock->mutex.unlock();
     return passes;
 }
