@@ -77,24 +77,6 @@ QSet<const GroupNode *> withContainers(const std::shared_ptr<GroupNode> &node)
 
 } // namespace
 
-void TaskLink::deliver(const std::function<void()> &call, Qt::ConnectionType type)
-{
-    QMutexLocker locker(&m_mutex);
-    QObject *receiver = m_receiver;
-    if (!receiver)
-        return;
-    // The receiver's own thread may want to destroy it meanwhile.
-    if (type == Qt::BlockingQueuedConnection)
-        locker.unlock();
-    if (type == Qt::DirectConnection
-        || (type == Qt::AutoConnection && receiver->thread() == QThread::currentThread())) {
-        locker.unlock();
-        call();
-        return;
-    }
-    QMetaObject::invokeMethod(receiver, call, type);
-}
-
 void TaskLink::close()
 {
     const QMutexLocker locker(&m_mutex);
@@ -402,6 +384,8 @@ void GroupTask::Private::unlist(const Child &child)
     children.erase(held->listed);
     for (const QMetaObject::Connection &connection : std::exchange(held->connections, {}))
         QObject::disconnect(connection);
+    if (!held->node)
+        return;
     const QMutexLocker locker(&nodesMutex);
     for (auto contained = held->node; contained; contained = contained->successor.lock())
         std::erase_if(contained->containers, [this](const auto &container) { return container.lock() == node; });

@@ -8,6 +8,7 @@
 #include <QHash>
 #include <QList>
 #include <QMutex>
+#include <QThread>
 
 #include <array>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace zel {
@@ -64,7 +66,8 @@ public:
     explicit TaskLink(QObject *receiver) : m_receiver(receiver) { }
 
     /// Calls, or posts to the receiver's thread, by the type of a connection.
-    void deliver(const std::function<void()> &call, Qt::ConnectionType type);
+    template <typename Call>
+    void deliver(Call call, Qt::ConnectionType type);
     /// Nothing arrives any more. Called when the receiver's destructor begins.
     void close();
 
@@ -72,6 +75,25 @@ private:
     QMutex m_mutex;
     QObject *m_receiver;
 };
+
+template <typename Call>
+void TaskLink::deliver(Call call, Qt::ConnectionType type)
+{
+    QMutexLocker locker(&m_mutex);
+    QObject *receiver = m_receiver;
+    if (!receiver)
+        return;
+    // The receiver's own thread may want to destroy it meanwhile.
+    if (type == Qt::BlockingQueuedConnection)
+        locker.unlock();
+    if (type == Qt::DirectConnection
+        || (type == Qt::AutoConnection && receiver->thread() == QThread::currentThread())) {
+        locker.unlock();
+        call();
+        return;
+    }
+    QMetaObject::invokeMethod(receiver, std::move(call), type);
+}
 
 struct GroupLink : TaskLink {
     using TaskLink::TaskLink;
