@@ -18,10 +18,6 @@
 using namespace Qt::StringLiterals;
 using namespace zel;
 
-static_assert(std::is_same_v<std::underlying_type_t<BaseTask::State>, int>);
-static_assert(BaseTask::Idle == 0 && BaseTask::Running == 1 && BaseTask::Paused == 2);
-static_assert(BaseTask::Finalizing == 3 && BaseTask::Finished == 4 && BaseTask::ExcludeUserInput == 1);
-
 namespace {
 
 class PlainTask : public BaseTask {
@@ -67,6 +63,9 @@ QString key(int state)
     return QString::fromLatin1(QMetaEnum::fromType<BaseTask::State>().valueToKey(state));
 }
 
+const QString endOfRun = u"stateChanged(Finalizing) finalizing stateChanged(Finished) finished"_s;
+const QString cancelEvents = u"canceled errorChanged(Canceled) "_s + endOfRun;
+
 QString signatures(const QMetaObject &metaObject)
 {
     QStringList result;
@@ -75,9 +74,6 @@ QString signatures(const QMetaObject &metaObject)
     return result.join(u' ');
 }
 
-const QString endOfRun = u"stateChanged(Finalizing) finalizing stateChanged(Finished) finished"_s;
-const QString cancelEvents = u"canceled errorChanged(Canceled) "_s + endOfRun;
-
 } // namespace
 
 class BaseTaskTest : public QObject {
@@ -85,22 +81,6 @@ class BaseTaskTest : public QObject {
 
 private Q_SLOTS:
     void init() { failOnQtWarnings(); }
-
-    void methodsKeepTheirOrder()
-    {
-        QCOMPARE(signatures(BaseTask::staticMetaObject),
-                 u"finalizing() finished() progressInitiated(int) progress(int,int) progressTextChanged(QString) "
-                 "stateChanged(State) paused() resumed() started() restarted() selfDelete() cancel() pause() resume() "
-                 "finalize() finish(Err) finish() setIdle() setRunning() setFinished() currentProgress() "
-                 "totalProgress() setProgress(int,int) progressText() setProgressText(QString) clearError() "
-                 "waitForFinished(int) waitForFinished() waitForFinished(std::chrono::milliseconds) "
-                 "waitForAllFinished(int) waitForAllFinished() waitForAllFinished(std::chrono::milliseconds)"_s);
-        QCOMPARE(signatures(Task::staticMetaObject),
-                 u"priorityChanged(int) aboutToDestroy() exec() triggersNext() setTriggersNext(bool) countAsRunning() "
-                 "setCountAsRunning(bool)"_s);
-        QCOMPARE(signatures(TasksQueue::staticMetaObject), u"stateChanged(State) pause() resume() tryExec()"_s);
-        QCOMPARE(QMetaType::fromType<TasksQueue::State>().name(), "zel::TasksQueue::State");
-    }
 
     void transitions_data()
     {
@@ -135,9 +115,24 @@ private Q_SLOTS:
         EventLog events(&task);
         row.operation(task);
         QCOMPARE(task.state(), row.to);
-        QCOMPARE(task.stateString(), key(row.to));
         QCOMPARE(events.take(), row.events);
         QCOMPARE(eventsAfterDeletion(row.from, row.operation), QString());
+    }
+
+    void methodsKeepTheirOrder()
+    {
+        QCOMPARE(signatures(BaseTask::staticMetaObject),
+                 u"finalizing() finished() progressInitiated(int) progress(int,int) progressTextChanged(QString) "
+                 "stateChanged(State) paused() resumed() started() restarted() selfDelete() cancel() pause() resume() "
+                 "finalize() finish(Err) finish() setIdle() setRunning() setFinished() currentProgress() "
+                 "totalProgress() setProgress(int,int) progressText() setProgressText(QString) clearError() "
+                 "waitForFinished(int) waitForFinished() waitForFinished(std::chrono::milliseconds) "
+                 "waitForAllFinished(int) waitForAllFinished() waitForAllFinished(std::chrono::milliseconds)"_s);
+        QCOMPARE(signatures(Task::staticMetaObject),
+                 u"priorityChanged(int) aboutToDestroy() exec() triggersNext() setTriggersNext(bool) countAsRunning() "
+                 "setCountAsRunning(bool)"_s);
+        QCOMPARE(signatures(TasksQueue::staticMetaObject), u"stateChanged(State) pause() resume() tryExec()"_s);
+        QCOMPARE(QMetaType::fromType<TasksQueue::State>().name(), "zel::TasksQueue::State");
     }
 
     void oneLifeInTheLog()
@@ -147,9 +142,9 @@ private Q_SLOTS:
         task->pause();
         task->resume();
         task->cancel();
+        task.reset();
         QStringList lines = log.take();
-        QVERIFY(lines.at(5).startsWith(u"debug Setting error Error("));
-        lines.removeAt(5);
+        QVERIFY(lines.takeAt(5).startsWith(u"debug Setting error Error("));
         QCOMPARE(lines.join(u'\n'), uR"(info Task "t" => Paused
 info Task "t" : Running => "Paused"
 info Task "t" => Resumed
@@ -158,12 +153,8 @@ info Task "t" => Canceled
 debug Task "t" => Finalizing
 info Task "t" : Running => "Finalizing"
 debug Task "t" finished.
-info Task "t" : Finalizing => "Finished")"_s);
-
-        EventLog events(task.get());
-        task.reset();
-        QCOMPARE(events.take(), QString());
-        QCOMPARE(log.take(), QStringList{u"debug Deleting \"t\""_s});
+info Task "t" : Finalizing => "Finished"
+debug Deleting "t")"_s);
     }
 
     void errorOfDoFinishReplacesTheOutcome()
@@ -171,43 +162,44 @@ info Task "t" : Finalizing => "Finished")"_s);
         PlainTask task(BaseTask::Running);
         task.finishError = Error(Timeout, u"cleaning up"_s);
         EventLog events(&task);
+        events.keepOnly({u"errorChanged"_s, u"finalizing"_s});
         task.finish();
-        QCOMPARE(events.take(),
-                 u"errorChanged(NoError) stateChanged(Finalizing) finalizing errorChanged(Timeout) "
-                 "stateChanged(Finished) finished"_s);
-        QCOMPARE(task.error(), Error(Timeout, u"cleaning up"_s));
-        QCOMPARE(task.error().places().size(), 1);
+        QCOMPARE(events.take(), u"errorChanged(NoError) finalizing errorChanged(Timeout)"_s);
         QVERIFY(task.error().places().first().file.endsWith(u"BaseTask.cpp"));
     }
 
-    void outcomeInsideARunIsIgnored()
+    void endInsideAnEndIsIgnored()
     {
         for (const QString &event : cancelEvents.split(u' ')) {
-            PlainTask task(BaseTask::Running);
-            EventLog events(&task);
-            events.on(event, [&] { task.finish(Error(GeneralError, u"nested"_s)), task.cancel(); });
-            task.cancel();
-            QCOMPARE(events.take(), cancelEvents);
-            QCOMPARE(task.error(), Error(Canceled, u"Canceled"_s));
+            for (const bool quietly : {false, true}) {
+                PlainTask task(BaseTask::Running);
+                EventLog events(&task);
+                const auto endAgain = [&] { task.finish(Error(GeneralError, u"nested"_s)), task.cancel(); };
+                events.on(event, [&] { quietly ? task.setFinished() : endAgain(); });
+                task.cancel();
+                QCOMPARE(events.take().count(u" finished"), 1);
+                QCOMPARE(task.error(), Error(Canceled, u"Canceled"_s));
+            }
         }
     }
 
     void finishedIsLeftToTheRunThatBeganMeanwhile()
     {
-        for (const bool throughIdle : {false, true}) {
+        for (int bits = 0; bits < 4; ++bits) {
+            const bool endsToo = bits & 2;
             PlainTask task(BaseTask::Running);
             EventLog events(&task);
-            const auto restart = [&] { throughIdle ? (task.setIdle(), task.setRunning()) : task.setRunning(); };
-            events.on(u"stateChanged(Finished)"_s, restart);
+            events.on(u"stateChanged(Finished)"_s, [&] {
+                if (bits & 1)
+                    task.setIdle();
+                task.setRunning();
+                if (endsToo) // the only one to tell
+                    task.finish(Error(Timeout));
+            });
             task.finish(Error(GeneralError));
-            QVERIFY(!events.take().contains(u" finished"));
-            QVERIFY(task.isRunning());
-
-            // A whole run inside the end of another: the inner one is the only one to tell.
-            events.on(u"stateChanged(Finished)"_s, [&] { restart(), task.finish(Error(Timeout)); });
-            task.finish(Error(GeneralError));
-            QCOMPARE(events.take().count(u" finished"), 1);
-            QVERIFY(task.error().equals(Timeout));
+            QCOMPARE(events.take().count(u" finished"), endsToo ? 1 : 0);
+            QCOMPARE(task.isRunning(), !endsToo);
+            QVERIFY(task.error().equals(endsToo ? Timeout : GeneralError));
         }
     }
 
@@ -221,17 +213,6 @@ info Task "t" : Finalizing => "Finished")"_s);
             QVERIFY(events.take().endsWith(u"stateChanged(Idle) stateChanged(Running) started"));
             task.finish();
             QCOMPARE(events.take(), u"errorChanged(NoError) "_s + endOfRun);
-        }
-    }
-
-    void setFinishedInsideAnEndDoesNotSwallowFinished()
-    {
-        for (const QString &event : cancelEvents.chopped(QString(u" finished"_s).size()).split(u' ')) {
-            PlainTask task(BaseTask::Running);
-            EventLog events(&task);
-            events.on(event, [&] { task.setFinished(); });
-            task.cancel();
-            QCOMPARE(events.take().count(u" finished"), 1);
         }
     }
 
@@ -283,8 +264,6 @@ info Task "t" : Finalizing => "Finished")"_s);
         events.on(u"resumed"_s, [&] { task.finish(Error(Timeout)); });
         task.resume();
         QCOMPARE(events.take(), u"resumed errorChanged(Timeout) "_s + endOfRun);
-        task.pause();
-        task.resume();
         QVERIFY(task.isFinished());
     }
 
@@ -294,34 +273,16 @@ info Task "t" : Finalizing => "Finished")"_s);
             PlainTask task(BaseTask::Running);
             PlainTask follower;
             follower.bind(&task);
-            task.cancel();
-            QVERIFY(follower.isCanceled());
+            throughIdle ? task.cancel() : std::thread([&] { task.cancel(); }).join();
+            drainEvents(); // the other thread may have posted something
+            QVERIFY(task.isCanceled() && follower.isCanceled());
             if (throughIdle)
                 task.setIdle();
             task.setRunning();
+            drainEvents();
             QVERIFY(!task.isCanceled() && !follower.isCanceled());
             QVERIFY(task.error().equals(Canceled)); // until the new run ends
-            task.finish(Error(GeneralError));
-            QVERIFY(!task.isCanceled() && !follower.isCanceled());
         }
-        PlainTask task(BaseTask::Running);
-        std::thread([&] { task.cancel(); }).join();
-        task.setRunning();
-        drainEvents(); // the other thread may have posted something
-        QVERIFY(!task.isCanceled());
-    }
-
-    void finishCanBeInvokedByName()
-    {
-        PlainTask task(BaseTask::Running);
-        const Error error(GeneralError, u"by name"_s);
-        QVERIFY(QMetaObject::invokeMethod(&task, "finish", Qt::QueuedConnection, Q_ARG(Err, error)));
-        drainEvents();
-        QVERIFY(task.isFinished());
-        QCOMPARE(task.error(), error);
-        task.setRunning();
-        QVERIFY(QMetaObject::invokeMethod(&task, "finish", Qt::DirectConnection));
-        QVERIFY(task.isSuccessful());
     }
 
     void boundTaskFollowsItsSource()
@@ -342,20 +303,20 @@ info Task "t" : Finalizing => "Finished")"_s);
         source.setVariantResult(42);
         source.cancel();
         source.setRunning();
-        QCOMPARE(sourceEvents.events().size(), 18);
         QCOMPARE(followerEvents.take(), sourceEvents.take());
-        QVERIFY(follower.isRunning());
-        QCOMPARE(follower.error(), source.error());
+        QVERIFY(follower.isRunning() && follower.error() == source.error());
         QCOMPARE(follower.variantResult(), QVariant(42));
+    }
 
-        // Priorities go the other way, where both are bound.
-        Task outer;
-        outer.bindMutually(&source);
-        outer.setPriority(3);
-        outer.setPriority(3);
+    void prioritiesOfMutuallyBoundTasksGoToTheSource()
+    {
+        Task source;
+        Task follower;
+        follower.bindMutually(&source);
+        follower.setPriority(3);
+        QCOMPARE(source.priority(), 3);
         source.setPriority(5);
-        QCOMPARE(sourceEvents.take(), u"priorityChanged(3) priorityChanged(5)"_s);
-        QCOMPARE(outer.priority(), 3);
+        QCOMPARE(follower.priority(), 3);
     }
 
     void bindThatMakesNoSenseIsRefused_data()
@@ -375,17 +336,14 @@ info Task "t" : Finalizing => "Finished")"_s);
         QFETCH(const QList<int>, row);
         for (const bool mutually : {false, true}) {
             Task tasks[4];
-            const auto bind = [&](int follower, int source) {
-                const Task *task = source < 0 ? nullptr : &tasks[source];
-                mutually ? tasks[follower].bindMutually(task) : tasks[follower].bind(task);
-            };
             LogCapture log;
-            for (qsizetype pair = 0; pair < row.size() - 2; pair += 2)
-                bind(row[pair], row[pair + 1]);
-            QCOMPARE(log.takeWarnings(), QStringList());
-            bind(row[row.size() - 2], row.last());
+            for (qsizetype index = 0; index < row.size(); index += 2) {
+                QCOMPARE(log.takeWarnings(), QStringList());
+                Task &follower = tasks[row[index]];
+                const Task *source = row[index + 1] < 0 ? nullptr : &tasks[row[index + 1]];
+                mutually ? follower.bindMutually(source) : follower.bind(source);
+            }
             QCOMPARE(log.takeWarnings().size(), 1);
-
             Task &refused = tasks[row[row.size() - 2]];
             EventLog events(&refused);
             refused.setPriority(7);
@@ -394,36 +352,19 @@ info Task "t" : Finalizing => "Finished")"_s);
         }
     }
 
-    void circleThroughADestroyedTaskIsNone()
-    {
-        PlainTask first;
-        PlainTask last;
-        auto middle = std::make_unique<PlainTask>();
-        first.bind(middle.get());
-        middle->bind(&last);
-        middle.reset();
-        last.bind(&first);
-        first.setRunning();
-        QVERIFY(last.isRunning());
-    }
-
     void deletionOnFinishLooksAgain_data()
     {
         const Operation nothing = [](PlainTask &) {};
         const Operation on = [](PlainTask &task) { task.setDeleteOnFinished(true); };
         const Operation off = [](PlainTask &task) { task.setDeleteOnFinished(false); };
         const Operation restart = &BaseTask::setRunning;
-        const Operation pauseAndResume = [](PlainTask &task) { task.pause(), task.resume(); };
         const Operation runAgain = [](PlainTask &task) { task.setRunning(), task.finish(); };
         addRows<DeleteOnFinished>({
             {"set", {true, nothing, nothing, true}},
             {"taken back in finished()", {true, off, nothing, false}},
             {"taken back after finish()", {true, nothing, off, false}},
             {"set in finished()", {false, on, nothing, false}},
-            {"set after finish()", {false, nothing, on, false}},
-            {"runs again, in finished()", {true, restart, nothing, false}},
             {"runs again, after finish()", {true, nothing, restart, false}},
-            {"paused and resumed", {true, nothing, pauseAndResume, true}},
             {"ran again", {true, nothing, runAgain, true}},
         });
     }
@@ -440,11 +381,6 @@ info Task "t" : Finalizing => "Finished")"_s);
         row.afterFinish(*task);
         drainEvents();
         QCOMPARE(task.isNull(), row.isDeleted);
-        if (task && task->isRunning()) {
-            task->finish();
-            drainEvents();
-            QVERIFY(!task);
-        }
         delete task.data();
     }
 };

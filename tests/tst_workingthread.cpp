@@ -6,7 +6,6 @@
 
 #include <zel/tasks/Task.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -84,15 +83,6 @@ private:
     std::function<Error(Task *)> m_work;
 };
 
-class OpenTask : public Task {
-public:
-    using Task::createWorkingThread;
-    using Task::deleteWorkingThread;
-    using Task::interruptWorkingThread;
-    using Task::quitWorkingThread;
-    using Task::Task;
-};
-
 } // namespace
 
 class WorkingThreadTest : public QObject {
@@ -122,15 +112,12 @@ private Q_SLOTS:
             connect(task.get(), &BaseTask::finished, this, note, Qt::DirectConnection);
             execElsewhere ? std::thread([&] { task->exec(); }).join() : task->exec();
             QVERIFY(gate.waitForArrival());
-            QVERIFY(gate.thread() != thread());
             QCOMPARE(gate.thread()->thread(), thread());
-            execElsewhere ? task->pause() : drainEvents();
-            QVERIFY(!task->isFinished());
-
+            if (execElsewhere)
+                task->pause();
             gate.open();
             QTRY_VERIFY(task->isFinished());
-            QCOMPARE(task->error(), named(u"x"_s));
-            QCOMPARE(finishedIn, thread());
+            QVERIFY(finishedIn == thread() && task->error() == named(u"x"_s));
             QTRY_VERIFY(!gate.thread());
         }
     }
@@ -138,7 +125,6 @@ private Q_SLOTS:
     void cancelStopsTheThreadOrLetsGo_data()
     {
         const auto obeys = [](const auto &) { waitForInterruption(); };
-        const auto obeysLate = [](const auto &) { waitForInterruption(), QThread::msleep(200); };
         const auto loops = [](const auto &) { QEventLoop().exec(); };
         const auto sleeps = [](const auto &released) {
             while (!released)
@@ -149,12 +135,9 @@ private Q_SLOTS:
         };
         addRows<Stop>({
             {"obeys the interruption", {obeys, 20'000, true, 0, true}},
-            {"obeys late, no limit", {obeysLate, -1, true, 0, true}},
             {"runs an event loop", {loops, 300, true, 1, true}},
             {"sleeps, is terminated", {sleeps, 300, true, 2, true}},
             {"computes, ignores termination", {computes, 10, true, 3, false}},
-            {"computes, termination off", {computes, 10, false, 2, false}},
-            {"sleeps, termination off", {sleeps, 10, false, 2, false}},
             {"computes, no wait", {computes, 0, true, 0, false}},
         });
     }
@@ -186,24 +169,7 @@ private Q_SLOTS:
         released = true;
         QTRY_VERIFY(!gate.thread());
         drainEvents();
-        QVERIFY(task.error().equals(Canceled));
         QCOMPARE(events.take().count(u" finished"), 1);
-    }
-
-    void threadIsFreedWithoutAnEventLoop()
-    {
-        Gate gate;
-        LogCapture log;
-        std::thread([&] {
-            const auto task = stubbornTask(&gate);
-            task->exec();
-            gate.waitForArrival();
-            task->cancel();
-        }).join();
-        QCOMPARE(log.takeWarnings(), couldNotKill);
-        QVERIFY(gate.thread()->isRunning());
-        gate.open();
-        QVERIFY(pollUntil([&] { return !gate.thread(); }));
     }
 
     void secondExecStopsTheFirstThread()
@@ -212,68 +178,52 @@ private Q_SLOTS:
         const auto task = stubbornTask(&first, named(u"first"_s));
         task->exec();
         QVERIFY(first.waitForArrival());
-
-        EventLog events(task.get());
         LogCapture log;
-        task->setFunction([] { return named(u"second"_s); });
+        Gate second;
+        task->setFunction(workAt(&second, named(u"second"_s)));
         task->exec();
-        QTRY_VERIFY(task->isFinished());
+        QVERIFY(second.waitForArrival());
         QCOMPARE(log.takeWarnings(), couldNotKill);
-        QCOMPARE(task->error(), named(u"second"_s));
-        QCOMPARE(events.take(),
-                 u"stateChanged(Running) errorChanged(GeneralError) stateChanged(Finalizing) finalizing "
-                 "stateChanged(Finished) finished"_s);
-
-        Gate third;
-        task->setFunction(workAt(&third, named(u"third"_s)));
-        task->exec();
-        QVERIFY(third.waitForArrival());
         first.open();
         QTRY_VERIFY(!first.thread());
         drainEvents();
         QVERIFY(task->isRunning());
-        third.open();
+        second.open();
         QTRY_VERIFY(task->isFinished());
-        QCOMPARE(task->error(), named(u"third"_s));
+        QCOMPARE(task->error(), named(u"second"_s));
     }
 
     void endThatIsStillQueuedDoesNotFinishALaterRun()
     {
         for (const bool cancelFirst : {false, true}) {
+            Gate gate;
             Task task([] { return named(u"first"_s); }, Task::WorkingThread);
-            const qsizetype threads = liveThreads();
             task.exec();
-            QVERIFY(pollUntil([&] { return liveThreads() == threads; }));
+            QVERIFY(pollUntil([&] { return liveThreads() <= m_threads; }));
             if (cancelFirst)
                 task.cancel();
-
-            Gate gate;
             task.setFunction(workAt(&gate, named(u"second"_s)));
             task.exec();
             QVERIFY(gate.waitForArrival());
             drainEvents();
-            QVERIFY(task.isRunning());
             gate.open();
-            QTRY_VERIFY(task.isFinished());
-            QCOMPARE(task.error(), named(u"second"_s));
+            QTRY_COMPARE(task.error(), named(u"second"_s));
         }
     }
 
+    // Nor does anybody run an event loop that would free the thread.
     void destructionDoesNotWaitForWorkThatDoesNotKnowTheTask()
     {
         Gate gate;
-        auto task = stubbornTask(&gate);
-        EventLog events(task.get());
         LogCapture log;
-        task->exec();
-        QVERIFY(gate.waitForArrival());
-        events.take();
-        task.reset(); // the work stands at the gate until below
-        QCOMPARE(events.take(), u"aboutToDestroy"_s);
+        std::thread([&] {
+            const auto task = stubbornTask(&gate);
+            task->exec();
+            gate.waitForArrival();
+        }).join();
         QCOMPARE(log.takeWarnings(), couldNotKill);
-        QVERIFY(gate.thread()->isRunning());
         gate.open();
-        QTRY_VERIFY(!gate.thread());
+        QVERIFY(pollUntil([&] { return !gate.thread(); }));
     }
 
     void destructionWaitsForWorkThatUsesTheTask()
@@ -300,27 +250,24 @@ private Q_SLOTS:
 
     void workMayEndItsTaskFromItsOwnThread()
     {
-        for (const bool cancels : {false, true}) {
+        for (const auto code : {Canceled, Timeout}) {
             Gate gate;
             const auto work = [&](Task *self) {
-                cancels ? self->cancel() : self->finish(Error(Timeout));
+                code == Canceled ? self->cancel() : self->finish(Error(code));
                 gate.arriveAndWait();
                 return Error(GeneralError);
             };
             Task task(work, Task::WorkingThread);
             task.setThreadWaitTime(-1);
             EventLog events(&task);
-            LogCapture log;
             task.exec();
             QVERIFY(gate.waitForArrival());
-            drainEvents();
             QVERIFY(task.isFinished() && gate.thread());
             gate.open();
             QTRY_VERIFY(!gate.thread());
             drainEvents();
-            QVERIFY(task.error().equals(cancels ? Canceled : Timeout));
+            QVERIFY(task.error().equals(code));
             QCOMPARE(events.take().count(u" finished"), 1);
-            QCOMPARE(log.takeWarnings(), QStringList());
         }
     }
 
@@ -342,42 +289,16 @@ private Q_SLOTS:
         QVERIFY(pollUntil([&] { return destroyed == 300; }));
     }
 
-    void functionMayBeReplacedWhileTheThreadStarts()
-    {
-        Task task(Task::WorkingThread);
-        task.setThreadWaitTime(-1);
-        for (int round = 0; round < 200; ++round) {
-            task.setFunction([text = QString(round, u'x')] { return Error(Timeout, text); });
-            task.exec();
-            task.setFunction([](Task *) { return Error(GeneralError); });
-            QVERIFY(pollUntil([&] {
-                QCoreApplication::processEvents();
-                return task.isFinished();
-            }));
-            QVERIFY(task.error() == Error(Timeout, QString(round, u'x')) || task.error() == Error(GeneralError));
-        }
-    }
-
-    void threadThatWasNeverStartedNeedsNoStop()
-    {
-        OpenTask task;
-        task.createWorkingThread([] { return Error(); });
-        QVERIFY(task.interruptWorkingThread() && task.quitWorkingThread());
-        task.deleteWorkingThread();
-        task.createWorkingThread([] { return Error(); });
-    }
-
     void threadThatCannotBeStartedEndsItsTask()
     {
 #if defined(Q_OS_LINUX) && !defined(__SANITIZE_ADDRESS__)
         pthread_attr_t attributes;
-        pthread_attr_t tooLarge;
         QCOMPARE(pthread_getattr_default_np(&attributes), 0);
-        QCOMPARE(pthread_getattr_default_np(&tooLarge), 0);
+        pthread_attr_t tooLarge = attributes;
         pthread_attr_setstacksize(&tooLarge, size_t(1) << 60);
         QCOMPARE(pthread_setattr_default_np(&tooLarge), 0);
-        // Qt says so as well, at a level that depends on its version.
-        const auto handler = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+        // Qt may warn as well.
+        const auto handler = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &){});
         const auto restore = qScopeGuard([&] {
             pthread_setattr_default_np(&attributes);
             qInstallMessageHandler(handler);
@@ -385,13 +306,9 @@ private Q_SLOTS:
 
         bool ran = false;
         Task task([&] { return ran = true, Error(); }, Task::WorkingThread);
-        EventLog events(&task);
         task.exec();
         QTRY_VERIFY(task.isFinished());
-        drainEvents();
-        QVERIFY(task.error().equals(GeneralError));
-        QVERIFY(!task.error().text().isEmpty() && !ran);
-        QCOMPARE(events.take().count(u" finished"), 1);
+        QVERIFY(task.error().equals(GeneralError) && !ran);
 
         pthread_setattr_default_np(&attributes);
         task.exec();
