@@ -34,14 +34,18 @@ public:
     Error(ErrorCode code);
     /// An error of that code with that text.
     Error(ErrorCode code, const QString &text);
+    /// Takes over code, text, warnings and places. A value that was moved from can be assigned to or destroyed.
+    ///@{
     Error(const Error &other);
     Error(Error &&other) noexcept;
     Error &operator=(const Error &other);
     Error &operator=(Error &&other) noexcept;
+    ///@}
     /// Makes this value an error of that code; text, warnings and places are gone.
     Error &operator=(ErrorCode code);
     ~Error() override;
 
+    /// The code; NoError is success.
     ErrorCode code() const;
     /// The text given to the constructor; empty when there was none.
     QString text() const;
@@ -50,7 +54,9 @@ public:
 
     /// Whether this is anything but success.
     bool hasError() const;
+    /// Whether this has that code, whatever its text and warnings.
     bool equals(ErrorCode code) const;
+    /// Whether code, text and warnings, in their order, are the same.
     bool equals(const Error &other) const;
 
     /// Notes that the error was caught here, for the log. Returns this error.
@@ -60,11 +66,14 @@ public:
 
     /// The name of a code as written in the source, empty for a number without a name.
     static QString codeName(ErrorCode code);
-    /// The translated text of a code, empty for NoError.
+    /// The translated text of a code, empty for NoError; "Error" and the number for one without a name.
     static QString codeText(ErrorCode code);
 
+    /// By equals().
+    ///@{
     friend bool operator==(const Error &left, const Error &right) { return left.equals(right); }
     friend bool operator!=(const Error &left, const Error &right) { return !left.equals(right); }
+    ///@}
     /// Does not compile: say equals(code), which looks at the code alone.
     friend bool operator==(const Error &left, ErrorCode right) = delete;
 
@@ -79,7 +88,7 @@ using Err = Error;
 /// Agrees with Error::equals().
 ZEL_COMMON_EXPORT size_t qHash(const Error &error, size_t seed = 0);
 
-/// Writes name, number and text of the code, then warnings and places where there are any.
+/// Writes name and number of the code, displayText() of an error, then warnings and places where there are any.
 ZEL_COMMON_EXPORT QDebug operator<<(QDebug debug, const Error &error);
 
 } // namespace zel

@@ -18,6 +18,7 @@ namespace zel {
 class ZEL_COMMON_EXPORT ErrorCancelable : public QObject, public Cancelable {
     Q_OBJECT
 public:
+    /// An object without error that does not count as canceled.
     explicit ErrorCancelable(QObject *parent = nullptr);
     ~ErrorCancelable() override;
 
@@ -40,6 +41,7 @@ public:
      * after setCanceled(false) and after setError() with a value that carries no error.
      */
     bool isCanceled() const override;
+    /// Sets the canceled status alone: emits nothing, leaves the error as it is.
     void setCanceled(bool canceled) override;
 
 Q_SIGNALS:

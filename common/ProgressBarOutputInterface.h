@@ -16,6 +16,7 @@ namespace zel {
 class ZEL_COMMON_EXPORT ProgressBarOutputInterface : public QObject {
     Q_OBJECT
 public:
+    /// Shows nothing yet.
     explicit ProgressBarOutputInterface(QObject *parent = nullptr);
     ~ProgressBarOutputInterface() override;
 

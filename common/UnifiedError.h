@@ -17,8 +17,8 @@ public:
      *
      * Values without error are skipped. Cancellations beside other errors are their consequences and are left out;
      * where there are only cancellations the result is Canceled. One error left is returned as it is. Several give
-     * their common code or else GeneralError, their distinct texts ordered by code and text, one a line, and all
-     * their warnings.
+     * their common code or else GeneralError, their distinct texts ordered by code and text, one a line, and their
+     * distinct warnings.
      */
     static Error computeUnifiedError(const QSet<Error> &errors);
 };

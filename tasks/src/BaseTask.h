@@ -21,7 +21,8 @@ class TasksQueue;
  * A unit of work that others can watch: name, state, outcome, progress, and the ways to wait for its end.
  *
  * BaseTask runs nothing by itself. A subclass takes it through its states, Idle, Running, perhaps Paused, Finalizing
- * and Finished; every way to end goes through finish(), which sets the outcome once. A finished task can be run again.
+ * and Finished. finish() ends a run and sets the outcome once; only setFinished() and what bind() takes over go past
+ * it. A finished task can be run again.
  *
  * Signals of a run that succeeds, in order: stateChanged(Running), started(), [restarted() when it had finished
  * before], errorChanged(), stateChanged(Finalizing), finalizing(), stateChanged(Finished), finished(). A run that is
@@ -30,13 +31,14 @@ class TasksQueue;
  * Ownership: nobody but the QObject parent owns a task, unless a queue, a group or setDeleteOnFinished() is told to
  * delete it.
  * Threads:   no lock. Call from the task's thread unless an operation says otherwise; signals come on the thread that
- *            calls the operation. isRunning() and the other state queries may be called by work on another thread.
+ *            calls the operation. state(), stateString() and isIdle() to isFinished() may be called from any thread.
  * Handlers:  may do anything to the task, deleting it included, from any signal of any operation; the operation then
  *            stops there.
  */
 class ZEL_TASKS_EXPORT BaseTask : public ErrorCancelable {
     Q_OBJECT
 public:
+    /// Where the task is in its run.
     enum State : int {
         Idle = 0,       ///< has not been started
         Running = 1,    ///< works
@@ -54,27 +56,31 @@ public:
 
     ~BaseTask() override;
 
+    /// The name of the task; empty at first.
     QString name() const;
     /// Sets the name that log lines show. Emits nothing.
     virtual void setName(const QString &name);
 
-    /// The present state. May be called from any thread while the task exists.
+    /// The present state.
     State state() const;
     /// The state before the last change.
     State previousState() const;
     /// The key of the present state, such as "Running"; empty for a value that is no key.
     QString stateString() const;
+    /// Whether state() is the one of that name: a paused task is not running.
+    ///@{
     bool isIdle() const;
-    /// False while the task is paused.
     bool isRunning() const;
     bool isPaused() const;
     bool isFinalizing() const;
     bool isFinished() const;
+    ///@}
     /// Finished without an error.
     bool isSuccessful() const;
 
-    /// A result beside the error, for whoever knows the task. Invalid at first.
+    /// A result beside the error, for whoever knows the task. Invalid at first; a new run leaves it as it is.
     const QVariant &variantResult() const;
+    /// Tasks that are bound to this one take the result over. No signal of the task tells of it.
     void setVariantResult(const QVariant &result);
 
     /// Whether the task deletes itself when it has finished. Default: false.
@@ -82,14 +88,18 @@ public:
     /**
      * Makes the task delete itself, with deleteLater() from its event loop, after finish().
      *
-     * finish() looks at the setting when it starts. The deletion looks again: it is dropped when the setting was
-     * taken back or the task was set running again meanwhile.
+     * finish() looks at the setting before it enters Finalizing. The deletion looks again: it is dropped when the
+     * setting was taken back, or the task set idle or running again, meanwhile.
      */
     void setDeleteOnFinished(bool deleteOnFinished);
 
-    /// The queue that took the task last, null when there is none or it was destroyed.
+    /**
+     * The queue to which the task was handed last. Null when there is none, when it was destroyed, and when it has let
+     * go of the task after its start, other than by TasksQueue::clear(). May be called from any thread.
+     */
     TasksQueue *queue() const;
-    /// Called by TasksQueue. Does not put the task into the queue.
+    /// Called by TasksQueue, and by ComplexTask for complex subtasks. Does not put the task into the queue. May be
+    /// called from any thread.
     void setQueue(TasksQueue *queue);
 
     /**
@@ -135,16 +145,25 @@ public Q_SLOTS:
      * task idle or running again, the rest is left to its next run.
      */
     void finish(Err err = Err(NoError));
+    /**
+     * Enters Idle, so that a queue takes the task again; emits stateChanged() alone. Error, result and progress stay,
+     * but a task that had finished does not count as canceled any more. Does not stop work that is under way; what it
+     * returns is dropped.
+     */
     void setIdle();
     /// Enters Running; emits started() when the task was idle, started() and restarted() when it had finished.
     void setRunning();
     /// Enters Finished without finished() and without touching the error. Whoever waits for the task is woken.
     void setFinished();
 
+    /// The figures of the last setProgress(); 0 at first. A new run leaves them as they are.
+    ///@{
     int currentProgress() const;
     int totalProgress() const;
+    ///@}
     /// Stores both figures as they are and emits progress(), also when nothing changed.
     void setProgress(int value, int total);
+    /// The text of the last setProgressText(); empty at first.
     QString progressText() const;
     /// Stores the text and emits progressTextChanged(), also when nothing changed.
     void setProgressText(const QString &text);
@@ -164,11 +183,15 @@ public Q_SLOTS:
      * May be called from any thread that can run an event loop. Do not call it from a handler of the ending task:
      * it cannot return there.
      */
+    ///@{
     Err waitForFinished(int msec = -1) const;
     Err waitForFinished(std::chrono::milliseconds msec) const;
+    ///@}
     /// Like waitForFinished(), but events that were posted to the waiting thread before the end are handled first.
+    ///@{
     Err waitForAllFinished(int msec = -1) const;
     Err waitForAllFinished(std::chrono::milliseconds msec) const;
+    ///@}
 
 Q_SIGNALS:
     /// The task has its outcome and cleans up.
@@ -191,9 +214,11 @@ Q_SIGNALS:
     void started();
     /// After started(), when the task had finished before.
     void restarted();
+    /// Emitted last by finish(), when the task is to delete itself; it is still whole. See setDeleteOnFinished().
     void selfDelete(QPrivateSignal);
 
 protected:
+    /// An idle task without a name.
     explicit BaseTask(QObject *parent = nullptr);
 
     /// The only writer of the state. Emits stateChanged().

@@ -28,29 +28,38 @@ namespace zel {
 class ZEL_TASKS_EXPORT ComplexTask : public Task {
     Q_OBJECT
 public:
+    /// An idle Synchronous task with a group of its own.
+    ///@{
     explicit ComplexTask(const QString &name, QObject *parent = nullptr);
     explicit ComplexTask(QObject *parent = nullptr);
+    ///@}
     ~ComplexTask() override;
 
     /// Sets the task's name, and the group's to the same with ":GroupTask" behind.
     void setName(const QString &name) override;
-    /// As Task::exec(). A task that had finished begins with a fresh group: idle, without errors, not canceled.
+    /// As Task::exec(). After a run, also when it was set idle since, the task begins with its group made fresh: idle,
+    /// without errors, not canceled.
     void exec() override;
     /// Cancels the group, and with it the unfinished subtasks, then the task itself.
     void cancel() override;
 
 protected:
+    /// The group that lists the subtasks, owned by this task. Null after others deleted it, until it is needed again.
     GroupTask *groupTask() const;
     /**
-     * Replaces the group: deletes the old one and takes ownership of \a group, which must not be null.
+     * Replaces the group: deletes the old one and takes ownership of \a group. Null and the present group: ignored.
      *
-     * It is told to cancel its children when it is canceled. Nothing happens when it is the present group.
+     * The new one is told to cancel its children when it stops them. A group that contains this task is refused with a
+     * warning in "zel.tasks".
      */
     void setGroupTask(GroupTask *group);
 
     /// Lists \a task in the group without starting it; one of the callbacks runs, in this task's thread, when it ends.
+    /// Null: ignored.
     void appendSubtask(Task *task, std::function<void()> onSuccess = {}, std::function<void()> onFailure = {});
+    /// execSubtasks() with one task.
     void execSubtask(Task *task);
+    /// execSubtasks() with one task, with the callbacks of appendSubtask().
     void execSubtask(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure = {});
     /**
      * Lists \a tasks in the group and starts those that it admitted, through the queue if there is one.

@@ -9,17 +9,21 @@ namespace zel {
  * A complex task whose whole work is to start subtasks and to wait for all of them.
  *
  * Implement doExecSubtasks() with the operations of ComplexTask. The task ends, with the error of its group, when every
- * subtask has ended; at once when doExecSubtasks() returns an error, while subtasks that it started go on, or when it
- * lists no subtask at all.
+ * subtask has ended, or one has failed under FailFast; at once when doExecSubtasks() returns an error, while subtasks
+ * that it started go on, or when it lists no subtask at all.
  */
 class ZEL_TASKS_EXPORT CustomComplexTask : public ComplexTask {
     Q_OBJECT
 public:
+    /// An idle Asynchronous task with a group of its own.
+    ///@{
     explicit CustomComplexTask(const QString &name, QObject *parent = nullptr);
     explicit CustomComplexTask(QObject *parent = nullptr);
+    ///@}
     ~CustomComplexTask() override;
 
 protected:
+    /// doExecSubtasks(); then ends the task if no subtask was listed.
     Error doExec() override;
     /// WaitAll.
     GroupTask::WaitMode waitMode() const override;

@@ -35,13 +35,16 @@ class Task;
 class ZEL_TASKS_EXPORT GroupTask : public BaseTask {
     Q_OBJECT
 public:
+    /// What the group waits for.
     enum WaitMode : int {
         NoWait = 0,  ///< ends by cancel(), finish() or a failing child under FailFast only
         WaitAll = 1, ///< ends when no listed child is pending (default); also any other value
     };
 
+    /// When the group deletes its children.
     enum CleanupPolicy : int {
-        DeleteWithGroup = 0,    ///< children stay listed until the group ends, then all are deleted
+        DeleteWithGroup = 0,    ///< all, when the wait mode ends the group, or the group is canceled or destroyed;
+                                ///< they stay listed until then
         DeleteWhenFinished = 1, ///< each child is unlisted and deleted when its end was handled (default)
         SelfDelete = 2,         ///< the group deletes none; tasks that it makes of coroutines delete themselves
     };
@@ -59,6 +62,7 @@ public:
         CancelIdleOnFailure = 2, ///< its error is collected, and the children that have not started are stopped
     };
 
+    /// What subtasks() returns; flags that may be combined.
     enum class GetSubtasksMode : int {
         Recursive = 1,  ///< the members of child groups too, right after their group
         Executable = 2, ///< only children that are a Task
@@ -67,6 +71,7 @@ public:
     Q_DECLARE_FLAGS(GetSubtasksModes, GetSubtasksMode)
     Q_FLAG(GetSubtasksMode)
 
+    /// An idle group without children.
     explicit GroupTask(QObject *parent = nullptr);
     ~GroupTask() override;
 
@@ -74,31 +79,41 @@ public:
      * Lists \a task as the last child, and emits taskAppended().
      *
      * A canceled group cancels the task instead, a finished one finishes it with GeneralError. A task that has
-     * finished already is handled as finished later, by the connection type. Null and tasks that are listed: ignored.
-     * The group itself and groups that contain it: refused with a warning in "zel.tasks".
+     * finished already is handled as finished later, by the connection type. A listed task keeps its place; one that
+     * was set idle after its end is waited for again. Null: ignored. The group itself, and groups and complex tasks
+     * that contain it: refused with a warning in "zel.tasks". May be called from any thread.
      */
     void append(BaseTask *task);
+    /// append() for each, in list order. May be called from any thread.
     void append(const QList<BaseTask *> &tasks);
     /// Makes a Task of a coroutine that is under way and appends it; the group owns it as the clean-up policy says.
     void append(QCoro::Task<Error> coroutine);
 
     /// The children in order; null where a listed child was destroyed (not with Executable).
     QList<BaseTask *> subtasks(GetSubtasksModes mode = {}) const;
+    /// subtasks() with Executable, and with Recursive if \a recursive.
     QList<Task *> executableSubtasks(bool recursive = false) const;
     /// Listed children that exist and are not Finished. Walks the list.
     int pendingChildrenCount() const;
     /// Whether no child is listed.
     bool isEmpty() const;
 
+    /// What the group waits for. Default: WaitAll.
     WaitMode waitMode() const;
-    /// Finishes a running group at once when the new mode is satisfied.
+    /// Finishes a running group at once when the new mode is satisfied. Hides BaseTask::setWaitMode().
     void setWaitMode(WaitMode mode);
+    /// When the group deletes its children. Default: DeleteWhenFinished.
     CleanupPolicy cleanupPolicy() const;
     /// But for SelfDelete, takes deletion over from children that were to delete themselves.
     void setCleanupPolicy(CleanupPolicy policy);
+    /// How children are stopped, by cancel() and by the failure policy. Default: FinishSubtasks.
+    ///@{
     CancelSubtasksMode cancelSubtasksMode() const;
     void setCancelSubtasksMode(CancelSubtasksMode mode);
+    ///@}
+    /// For ends of children that are handled afterwards. Default: FailFast.
     void setChildFailurePolicy(ChildFailurePolicy policy);
+    /// How the group is connected to started(), finished() and progress() of children that are appended now.
     Qt::ConnectionType connectionType() const;
     /// For children that are appended afterwards. Default: Qt::QueuedConnection.
     void setConnectionType(Qt::ConnectionType type);
@@ -116,6 +131,7 @@ protected:
     Error doFinish() override;
     /// What the group ends with: stands for the errors that were collected.
     virtual Error unifiedError() const;
+    /// One error that stands for all of \a errors, see UnifiedError; no error for an empty list.
     Error unifiedError(const QList<Error> &errors) const;
     /// Hands \a task to the group's queue, or runs it here when there is none. Does not append it.
     void execTask(Task *task);

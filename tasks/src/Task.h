@@ -27,6 +27,7 @@ namespace zel {
 class ZEL_TASKS_EXPORT Task : public BaseTask {
     Q_OBJECT
 public:
+    /// Where the work runs and what ends the task.
     enum ExecutionMode : int {
         Synchronous = 0,   ///< doExec() in the thread that calls exec(); finished when exec() returns
         WorkingThread = 1, ///< doExec() on a new thread; finished when that thread ends
@@ -38,14 +39,20 @@ public:
     explicit Task(QObject *parent = nullptr);
     /// A task without work, usually for a subclass.
     explicit Task(ExecutionMode mode, QObject *parent = nullptr);
+    /// A task around a plain function, which is called in each run, with the task if it wants it.
+    ///@{
     explicit Task(std::function<Error()> function, ExecutionMode mode = Synchronous, QObject *parent = nullptr);
     explicit Task(std::function<Error(Task *)> function, ExecutionMode mode = Synchronous, QObject *parent = nullptr);
-    /// A Coroutine task: each run calls the factory and awaits what it returns.
+    ///@}
+    /// A Coroutine task: each run calls the factory, with the task if it wants it, and awaits what it returns.
+    ///@{
     explicit Task(std::function<QCoro::Task<Error>()> factory, QObject *parent = nullptr);
     explicit Task(std::function<QCoro::Task<Error>(Task *)> factory, QObject *parent = nullptr);
+    ///@}
     /**
      * A task around a coroutine that is under way already: it is Running from the start and finishes when the
-     * coroutine completes, inside this constructor if it has. There is no need for exec().
+     * coroutine completes, inside this constructor if it has. There is no need for exec(). A null coroutine never
+     * completes, which is a warning in "zel.tasks".
      */
     explicit Task(QCoro::Task<Error> coroutine, QObject *parent = nullptr);
     /**
@@ -56,15 +63,24 @@ public:
      */
     ~Task() override;
 
-    /// Replaces the plain function. A call of the old one that is under way goes on with it.
+    /// Replaces the plain function; an empty one is no work. The mode stays. A call of the old function that is under
+    /// way goes on with it.
+    ///@{
     void setFunction(std::function<Error()> function);
     void setFunction(std::function<Error(Task *)> function);
+    ///@}
+    /// Replaces the plain function and selects \a mode for the next exec().
+    ///@{
     void setFunction(std::function<Error()> function, ExecutionMode mode);
     void setFunction(std::function<Error(Task *)> function, ExecutionMode mode);
-    /// Replaces the coroutine factory and selects the mode Coroutine.
+    ///@}
+    /// Replaces the coroutine factory and selects the mode Coroutine for the next exec().
+    ///@{
     void setFunction(std::function<QCoro::Task<Error>()> factory);
     void setFunction(std::function<QCoro::Task<Error>(Task *)> factory);
+    ///@}
 
+    /// How the next exec() runs the work. Asynchronous for a task around a coroutine that was under way.
     ExecutionMode executionMode() const;
     /// For the next exec(). A value that is no enumerator acts as Asynchronous.
     void setExecutionMode(ExecutionMode mode);
@@ -76,8 +92,11 @@ public:
 
     /// How long each stop request waits for the working thread. Default: 10 ms. Negative: without limit.
     std::chrono::milliseconds threadWaitTime() const;
+    /// In milliseconds, for later stop requests. Ending the task may block its caller up to three times as long.
+    ///@{
     void setThreadWaitTime(long msec);
     void setThreadWaitTime(std::chrono::milliseconds msec);
+    ///@}
     /// Whether stopping may end in QThread::terminate(). Default: true.
     bool isThreadTerminationEnabled() const;
     /**
@@ -101,11 +120,16 @@ public Q_SLOTS:
      * one, and the first of them to complete ends the task.
      */
     virtual void exec();
-    /// Whether a queue looks for more work once more after this task; see TasksQueue. Default: true.
+    /**
+     * Whether a queue dispatches once more when the task has ended, beside the dispatch that takes the task out.
+     * Default: true. May be called from any thread.
+     */
     bool triggersNext() const;
+    /// May be called from any thread.
     void setTriggersNext(bool triggers);
     /// Whether the task counts towards the limit of its queue. Default: true. May be called from any thread.
     bool countAsRunning() const;
+    /// The queue that runs the task counts anew at once, but starts nothing. May be called from any thread.
     void setCountAsRunning(bool countAsRunning);
 
 Q_SIGNALS:
@@ -131,6 +155,7 @@ protected:
 
     /// Makes a thread for \a function, not started, after deleteWorkingThread().
     void createWorkingThread(std::function<Error()> function);
+    /// Starts the thread that createWorkingThread() made, with the priority of the calling one; nothing without one.
     void startWorkingThread();
     /// Asks the work to stop and waits for threadWaitTime(). True when no thread runs any more.
     bool interruptWorkingThread();

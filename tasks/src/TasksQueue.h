@@ -29,12 +29,14 @@ namespace zel {
 class ZEL_TASKS_EXPORT TasksQueue : public QObject {
     Q_OBJECT
 public:
+    /// What the queue is doing.
     enum State : int {
         Idle = 0,    ///< nothing is being dispatched
         Working = 1, ///< pending tasks are started
         Paused = 2,  ///< nothing is started, running tasks go on
     };
 
+    /// Where a task is put among the pending ones.
     enum EnqueueMode : int {
         Append = 0,  ///< behind the tasks of the same priority; also any other value
         Prepend = 1, ///< before the tasks of the same priority
@@ -47,29 +49,37 @@ public:
         Cancel = 2, ///< they are canceled
     };
 
+    /// What becomes of tasks that have finished.
     enum CleanupMode : int {
         DeleteFinished = 0, ///< a finished task is handed to deleteLater()
         KeepFinished = 1,   ///< finished tasks are left alone (default)
     };
 
+    /// What a failed task does to the queue.
     enum TaskErrorPolicy : int {
         ContinueOnError = 0, ///< a failed task is treated like any finished one (default)
         ClearOnError = 1,    ///< a failed task empties the queue, as clear(Remove) does
     };
 
+    /// An idle queue without tasks.
     explicit TasksQueue(QObject *parent = nullptr);
     /// Lets go of all tasks; they are neither finished nor deleted, running ones go on.
     ~TasksQueue() override;
 
     /// The name that log lines show.
+    ///@{
     QString name() const;
     void setName(const QString &name);
+    ///@}
 
+    /// The present state. Tasks that do not count as running let the queue be Idle.
     State state() const;
 
     /// Largest priority number that is accepted; the smallest is 0. Default: 10. Pending tasks are not touched.
+    ///@{
     int maxPriority() const;
     void setMaxPriority(int priority);
+    ///@}
 
     /// Largest number of counted tasks run at once; 0 or less starts nothing. Default: ideal thread count, at least 1.
     int maxRunningTasksCount() const;
@@ -81,11 +91,14 @@ public:
     /// For tasks that enter afterwards. With Qt::DirectConnection the queue reacts in the thread that ends a task.
     void setConnectionType(Qt::ConnectionType type);
 
+    /// What becomes of tasks that have finished. Default: KeepFinished.
     CleanupMode cleanupMode() const;
-    /// For tasks that finish afterwards.
+    /// For ends of tasks that the queue handles afterwards.
     void setCleanupMode(CleanupMode mode);
 
+    /// What a failed task does to the queue. Default: ContinueOnError.
     TaskErrorPolicy taskErrorPolicy() const;
+    /// For ends of tasks that the queue handles afterwards.
     void setTaskErrorPolicy(TaskErrorPolicy policy);
 
     /// Takes an idle task in, behind those of its priority, and dispatches. Null and tasks that are not idle: ignored.
@@ -94,8 +107,10 @@ public:
     void append(const QList<Task *> &tasks);
     /// Takes an idle task in, before those of its priority, and dispatches.
     void prepend(Task *task);
+    /// append().
     void operator<<(Task *task);
-    /// Moves a pending task to the end of its present priority. Called when a priority changes.
+    /// Moves a pending task to the end of its present priority. Called when a priority changes. A task that is not idle
+    /// any more, or whose priority is refused, leaves the queue.
     void readdTask(Task *task);
 
     /**
@@ -106,16 +121,19 @@ public:
 
     /// Whether nothing is pending.
     virtual bool isEmpty() const;
+    /// Tasks that wait to be started.
     virtual int pendingTasksCount() const;
     /// Tasks that this queue has started and that count, see Task::countAsRunning().
     int runningTasksCount() const;
+    /// Whether runningTasksCount() is more than 0.
     bool hasRunningTasks() const;
-    /// Running and pending tasks.
+    /// Running tasks that count, and pending ones.
     int count() const;
 
     /**
      * Takes all tasks out, then does to each, pending ones first, in the order in which they would have been started,
-     * what \a policy says. Tasks that handlers add while pending ones are treated are dropped as well.
+     * what \a policy says, \a error being that of Finish. Tasks that are Finalizing or Finished are left as they are.
+     * Tasks that handlers add while pending ones are treated are dropped as well.
      *
      * One step for other threads: the queue is locked meanwhile. The cleared tasks are never deleted by the queue.
      */
@@ -124,8 +142,9 @@ public:
 public Q_SLOTS:
     /// Starts nothing more; running tasks go on.
     void pause();
+    /// Enters Working and dispatches, whatever the state was; with nothing to do, the queue becomes Idle again.
     void resume();
-    /// Starts what may be started. Called by everything that can make room.
+    /// Starts what may be started. Called by the queue when tasks come and go, not when a limit or a count changes.
     void tryExec();
 
 Q_SIGNALS:
@@ -139,17 +158,28 @@ protected:
     virtual void enqueueTask(Task *task, EnqueueMode mode);
     /// Takes the next idle task out of the pending ones; null when there is none. Takes the lock.
     virtual Task *dequeueTask();
+    /// Takes \a task, not null, from another queue that holds it, makes this one its queue() and calls enqueueTask().
+    /// Does not dispatch.
     virtual void addTask(Task *task, EnqueueMode mode);
-    /// Reacts to the end of a task; null when the task is gone already. Called with the lock held: the dispatch that
-    /// removeTask() and tryExec() ask for in here is made when the lock is released.
+    /// Reacts to the end of a task; null when the task is gone already. Called with the lock held unless null: the
+    /// dispatch that removeTask() and tryExec() ask for in here is made when the lock is released.
     virtual void onTaskFinished(Task *task);
     /// Forgets a task that is being destroyed, on the thread that destroys it.
     virtual void onTaskDestroyed(Task *task);
 
+    /// Emits stateChanged() when the state is another one. Does not dispatch.
     void setState(State state);
+    /**
+     * Has the queue react to the end of \a task and to changes of its priority, by the connection type, and to its
+     * destruction, at once. Replaces earlier connections; a task that another queue holds gets no new ones. Takes the
+     * lock.
+     */
     void connectTask(Task *task);
+    /// Ends what connectTask() began. The queue still lists the task.
     void disconnectTask(Task *task);
+    /// Disconnects \a task, takes it out if it is running, and dispatches. Its queue() stays.
     void removeRunningTask(Task *task);
+    /// Disconnects \a task, which clear() has taken out, and does to it what \a policy says. Called with the lock held.
     void clearTask(Task *task, ClearPolicy policy, const Error &error);
 
 private:
