@@ -15,8 +15,19 @@ install(FILES ${PROJECT_BINARY_DIR}/ZelTasksConfig.cmake ${PROJECT_BINARY_DIR}/Z
     DESTINATION ${zel_package_folder}
     COMPONENT development)
 
-# From the folder of the .pc files, so that the installed tree can be moved.
+# From the folder of the .pc files, so that the installed tree can be moved; unless the folders were set as absolute ones.
 file(RELATIVE_PATH zel_pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+set(zel_pc_prefix \${pcfiledir}/${zel_pc_prefix})
+foreach(folder IN ITEMS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR zel_translations_folder)
+    if(IS_ABSOLUTE ${${folder}})
+        set(zel_pc_${folder} ${${folder}})
+    else()
+        set(zel_pc_${folder} \${prefix}/${${folder}})
+    endif()
+endforeach()
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+    set(zel_pc_prefix ${CMAKE_INSTALL_PREFIX})
+endif()
 # Not every version of QCoro has a .pc file to refer to.
 get_target_property(zel_pc_qcoro_flags QCoro6::Coro INTERFACE_INCLUDE_DIRECTORIES)
 list(REMOVE_ITEM zel_pc_qcoro_flags /usr/include)
@@ -37,6 +48,13 @@ foreach(library IN ITEMS zel_common_stable zel_tasks)
 endforeach()
 
 # cpack -G DEB: libzel-tasks and libzel-tasks-dev.
+foreach(part IN ITEMS runtime:libzel-tasks development:libzel-tasks-dev)
+    string(REGEX MATCH "(.*):(.*)" part ${part})
+    install(FILES ${PROJECT_SOURCE_DIR}/LICENSE
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CMAKE_MATCH_2}
+        COMPONENT ${CMAKE_MATCH_1}
+        RENAME copyright)
+endforeach()
 set(CPACK_PACKAGE_NAME zel-tasks)
 set(CPACK_PACKAGE_VENDOR "the zel_tasks developers")
 set(CPACK_PACKAGE_CONTACT "the zel_tasks developers <zel_tasks@localhost>")
@@ -57,4 +75,6 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libzel-tasks (= ${PROJECT_VERSION}), qt6-base-dev (>= 6.4), qcoro-qt6-dev (>= 0.8)")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "tasks, groups and queues for Qt 6 applications: what programs are built with")
-include(CPack)
+if(zel_top_level)
+    include(CPack)
+endif()

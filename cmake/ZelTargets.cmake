@@ -50,6 +50,9 @@ function(zel_add_library target)
     target_compile_features(${target} PUBLIC cxx_std_20)
     # Release builds keep file, line and function of a log message.
     target_compile_definitions(${target} PRIVATE QT_MESSAGELOGCONTEXT)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+        target_compile_options(${target} PRIVATE "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+    endif()
     set_target_properties(${target} PROPERTIES
         EXPORT_NAME ${arg_NAME}
         VERSION ${PROJECT_VERSION}

@@ -51,6 +51,7 @@ void tenTasks()
     });
     for (int number = 1; number <= 10; ++number) {
         auto *task = new Task([number] { return compute(number); }, Task::WorkingThread);
+        task->setThreadTerminationEnabled(false); // cancel() lets the work end
         task->setProgress(0, 1);
         QObject::connect(task, &Task::finished, task, [task] { task->setProgress(1, 1); });
         all.append(task); // deletes it when it has finished

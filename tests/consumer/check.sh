@@ -5,7 +5,8 @@
 # Compilers and build types are those of CXX and BUILD_TYPE.
 set -euo pipefail
 
-way=$1 folder=$2 build=$3
+[ $# -eq 3 ] || { sed -n 2p "$0" >&2; exit 2; }
+way=$1 folder=$(realpath -m "$2") build=$3
 here=$(cd "$(dirname "$0")" && pwd)
 project=$(cd "$here/../.." && pwd)
 settings=(-G Ninja -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-Debug}")
@@ -23,7 +24,7 @@ build_with()
     cmake --build "$folder/build" >"$folder/log" || { cat "$folder/log"; fail "does not build"; }
     # What the library is built with must not reach its users: neither flags nor options nor tests.
     local command
-    command=$(grep '"command".* -c [^ ]*/consumer/main.cpp' "$folder/build/compile_commands.json")
+    command=$(grep '"command".* -c .*/consumer/main.cpp' "$folder/build/compile_commands.json") || fail "has no command"
     case $command in *-W* | *QT_NO_KEYWORDS* | *QT_NO_CAST* | *QT_MESSAGELOG*) fail "flags leak" ;; esac
     ! grep --quiet '^BUILD_SHARED_LIBS:' "$folder/build/CMakeCache.txt" || fail "an option leaks"
     [[ $(ctest --test-dir "$folder/build" --show-only) == *"Total Tests: 0"* ]] || fail "tests leak"
@@ -45,8 +46,9 @@ pkg-config)
     PKG_CONFIG_PATH=$(dirname "$(find "$folder/installed" -name zel_tasks.pc)")
     export PKG_CONFIG_PATH
     program=$folder/consumer
-    # shellcheck disable=SC2046
-    "${CXX:-c++}" -std=c++20 -fPIC "$here/main.cpp" -o "$program" $(pkg-config --cflags --libs zel_tasks)
+    flags=()
+    eval "flags=($(pkg-config --cflags --libs zel_tasks))"
+    "${CXX:-c++}" -std=c++20 -fPIC "$here/main.cpp" -o "$program" "${flags[@]}"
     LD_LIBRARY_PATH=$(pkg-config --variable=libdir zel_tasks)
     export LD_LIBRARY_PATH
     ;;
