@@ -49,7 +49,7 @@ pkg-config)
     flags=()
     eval "flags=($(pkg-config --cflags --libs zel_tasks))"
     "${CXX:-c++}" -std=c++20 -fPIC "$here/main.cpp" -o "$program" "${flags[@]}"
-    LD_LIBRARY_PATH=$(pkg-config --variable=libdir zel_tasks)
+    LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH")
     export LD_LIBRARY_PATH
     ;;
 subdirectory | fetch)
