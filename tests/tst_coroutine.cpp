@@ -258,7 +258,7 @@ private Q_SLOTS:
             task->moveToThread(&home);
             QMetaObject::invokeMethod(task, [task] { task->finish(); });
             await(task, &log);
-            task->deleteLater();
+            QMetaObject::invokeMethod(task, [task] { delete task; }, Qt::QueuedConnection);
             QVERIFY(round % 100 || pollUntil([&] { return log.events().size() == round; }));
         }
         home.quit();

@@ -76,6 +76,7 @@ std::shared_ptr<TaskRef> BaseTask::Private::ref()
     const QMutexLocker locker(&mutex);
     if (!sharedRef)
         sharedRef = std::make_shared<TaskRef>(q);
+    knownRef = sharedRef.get();
     return sharedRef;
 }
 
@@ -112,19 +113,45 @@ void BaseTask::Private::postDeletion()
     QMetaObject::invokeMethod(this, deleteUnlessTakenBack, Qt::QueuedConnection);
 }
 
+void BaseTask::Private::wakeWaits(bool isAnnounced) const
+{
+    const TaskRef *ref = knownRef;
+    if (!ref)
+        return;
+    const QMutexLocker locker(ref->mutex());
+    ref->notifyEnded(q, isAnnounced);
+}
+
+void BaseTask::Private::announceFinished()
+{
+    wakeWaits(true);
+    Q_EMIT finished();
+}
+
 Error BaseTask::Private::destroyedError()
 {
     return Error(GeneralError, BaseTask::tr("The task was destroyed before it finished."));
 }
 
-BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this)) { }
+BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this))
+{
+    // What guarded pointers share is made here, because Qt makes it unsynchronised when two threads make the first
+    // ones.
+    const QPointer<BaseTask> guard(this);
+}
 
 BaseTask::~BaseTask()
 {
     qCDebug(tasksLog) << "Deleting" << d->name;
     if (d->clearRef())
         TaskUse::waitForOthers(this);
-    d.reset();
+    if (const TaskRef *ref = d->knownRef) {
+        const Error error = Private::destroyedError();
+        const QMutexLocker locker(ref->mutex());
+        ref->notifyDestroyed(this, error);
+    }
+    // Deleted with the other children: by itself it would send an event to its parent, through the thread of that.
+    static_cast<void>(d.release());
 }
 
 QString BaseTask::name() const
@@ -229,7 +256,7 @@ void BaseTask::bind(const BaseTask *source)
 
     const Private *from = source->d.get();
     connect(source, &BaseTask::finalizing, this, &BaseTask::finalizing);
-    connect(from, &Private::finished, d.get(), &Private::finished);
+    connect(from, &Private::finished, d.get(), &Private::announceFinished);
     connect(source, &BaseTask::finished, this, &BaseTask::finished);
     connect(source, &BaseTask::stateChanged, this, &BaseTask::setState);
     connect(source, &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
@@ -344,7 +371,7 @@ void BaseTask::finish(Err err)
 
     const auto isOver = [&self, over] { return self && self->d->run == over; };
     if (isOver())
-        Q_EMIT d->finished();
+        d->announceFinished();
     if (isOver())
         Q_EMIT finished();
     if (deleteAfterwards && isOver())
@@ -426,6 +453,8 @@ void BaseTask::setState(State state)
     d->previousState = left;
     std::atomic_ref(d->state).store(state);
     qCInfo(tasksLog) << "Task" << d->name << ":" << stateKey(left) << "=>" << stateString();
+    if (state == Finished && !d->announcesEnd())
+        d->wakeWaits(false);
     Q_EMIT stateChanged(state);
 }
 

@@ -41,7 +41,10 @@ public:
 
     bool refusesSource(const BaseTask *source) const;
     void postDeletion();
-    Error wait(Qt::ConnectionType wakeUp, int msec) const;
+    Error wait(Qt::ConnectionType wakeUp, int msec);
+    /// Tells whoever waits for the task that it has ended: by finish(), or without finished().
+    void wakeWaits(bool isAnnounced) const;
+    void announceFinished();
     /// What whoever waits gets when the task is destroyed first.
     static Error destroyedError();
 
@@ -53,6 +56,8 @@ public:
     mutable QMutex mutex;
     QPointer<TasksQueue> queue;
     std::shared_ptr<TaskRef> sharedRef;
+    /// The same for those who only look whether there is one.
+    std::atomic<TaskRef *> knownRef = nullptr;
     /// Written by setState() alone; atomically, because work on another thread reads it.
     State state = Idle;
     State previousState = Idle;
@@ -74,7 +79,7 @@ public:
     QList<QPointer<const BaseTask>> sources;
 
 Q_SIGNALS:
-    /// Before the public finished(): wakes the blocking waits.
+    /// Before the public finished(): passes on to tasks that are bound to this one.
     void finished();
     void resultChanged(const QVariant &result);
 };

@@ -463,10 +463,14 @@ void Task::deleteWorkingThread()
     d->workingThread.clear();
     if (d->gate)
         const QMutexLocker started(&d->gate->startMutex);
-    if (thread->isRunning())
+    if (thread->isRunning()) {
         freeWhenEnded(thread);
-    else
-        thread->deleteLater();
+        return;
+    }
+    // It may still be telling that it has finished.
+    if (!isOwnThread)
+        thread->wait(deadlineAfter(d->threadWaitTime));
+    thread->deleteLater();
 }
 
 void Task::stopWorkingThread()

@@ -12,6 +12,29 @@ namespace zel {
 
 class BaseTask;
 
+class Error;
+
+/// Whoever waits for the end of a task. It is called on the thread that ends or destroys the task, with the lock of the
+/// TaskRef: nothing of the user's may run in there.
+class TaskWatcher {
+public:
+    /// \a isAnnounced: by finish(), which emits finished() next.
+    virtual void onEnded(const BaseTask *task, bool isAnnounced) = 0;
+    /// Not called after the reference was null already.
+    virtual void onDestroyed(const BaseTask *task, const Error &error) = 0;
+
+protected:
+    TaskWatcher() = default;
+    virtual ~TaskWatcher() = default;
+    Q_DISABLE_COPY_MOVE(TaskWatcher)
+
+private:
+    friend class TaskRef;
+    TaskWatcher *m_next = nullptr;
+    /// What points here; null when nothing does.
+    TaskWatcher **m_link = nullptr;
+};
+
 /// A task as others hold on to it: null once its destructor has begun, on whichever thread that is.
 class TaskRef {
 public:
@@ -26,10 +49,18 @@ public:
         return m_task.exchange(nullptr);
     }
 
+    QMutex *mutex() const { return &m_mutex; }
+    /// These are called with the mutex locked. A watcher is removed before it is destroyed.
+    void add(TaskWatcher *watcher);
+    void remove(TaskWatcher *watcher);
+    void notifyEnded(const BaseTask *task, bool isAnnounced) const;
+    void notifyDestroyed(const BaseTask *task, const Error &error) const;
+
 private:
     friend class TaskHold;
     mutable QMutex m_mutex;
     std::atomic<BaseTask *> m_task;
+    TaskWatcher *m_watchers = nullptr;
 };
 
 /// The task of a reference, which no other thread destroys while this object lives. This one may, in a handler: look at

@@ -528,7 +528,11 @@ void TasksQueue::Private::abandonStart(Entry *entry, quint64 stay)
     task->setQueue(nullptr);
 }
 
-TasksQueue::TasksQueue(QObject *parent) : QObject(parent), d(std::make_unique<Private>(this)) { }
+TasksQueue::TasksQueue(QObject *parent) : QObject(parent), d(std::make_unique<Private>(this))
+{
+    // As in BaseTask: tasks of several threads may be the first ones to guard their queue.
+    const QPointer<TasksQueue> guard(this);
+}
 
 TasksQueue::~TasksQueue()
 {

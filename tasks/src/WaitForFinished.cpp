@@ -8,63 +8,87 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace zel {
 
 namespace {
 
-/// What a wait shares with its wake-ups. They come on any thread, and late ones find no loop any more.
-class WaitState : public std::enable_shared_from_this<WaitState> {
-public:
-    explicit WaitState(QEventLoop *loop) : m_loop(loop) { }
+// The regular wake-up and everything that was connected before it are posted by then.
+constexpr int turnsBehindRegularWakeUp = 2;
 
-    /// Ends the wait with \a error, unless it has ended.
+/// One blocking wait, on the waiting thread's stack.
+class Wait final : public TaskWatcher {
+public:
+    Wait(std::shared_ptr<TaskRef> ref, Qt::ConnectionType wakeUp) : m_ref(std::move(ref)), m_wakeUp(wakeUp)
+    {
+        const QMutexLocker locker(m_ref->mutex());
+        m_ref->add(this);
+    }
+
+    ~Wait()
+    {
+        const QMutexLocker locker(m_ref->mutex());
+        m_ref->remove(this);
+    }
+
+    Q_DISABLE_COPY_MOVE(Wait)
+
+    QEventLoop *loop() { return &m_loop; }
+    Error result() const
+    {
+        const QMutexLocker locker(m_ref->mutex());
+        return m_result.value_or(Error());
+    }
+
+    void endWith(const Error &error)
+    {
+        const QMutexLocker locker(m_ref->mutex());
+        end(error);
+    }
+
+    void onEnded(const BaseTask *task, bool isAnnounced) override
+    {
+        if (isAnnounced && m_wakeUp == Qt::DirectConnection)
+            end(task->error());
+        else
+            endLater(task->error(), isAnnounced ? 1 : turnsBehindRegularWakeUp);
+    }
+
+    // An outcome that is on its way counts.
+    void onDestroyed(const BaseTask *, const Error &error) override { end(m_outcome.value_or(error)); }
+
+private:
     void end(const Error &error)
     {
-        const QMutexLocker locker(&m_mutex);
-        if (!m_loop || m_result)
+        if (m_result)
             return;
         m_result = error;
-        m_loop->quit();
+        m_loop.quit();
         // A quit() from another thread is lost when the loop has not begun to run; a posted one is not.
-        if (m_loop->thread() != QThread::currentThread())
-            QMetaObject::invokeMethod(m_loop, &QEventLoop::quit, Qt::QueuedConnection);
+        if (m_loop.thread() != QThread::currentThread())
+            QMetaObject::invokeMethod(&m_loop, &QEventLoop::quit, Qt::QueuedConnection);
     }
 
     /// Ends the wait from its loop, after \a turns posted calls.
     void endLater(const Error &error, int turns)
     {
-        const QMutexLocker locker(&m_mutex);
         if (!m_outcome)
             m_outcome = error;
-        if (!m_loop)
-            return;
-        const auto step = [self = shared_from_this(), error, turns] {
+        const auto step = [this, error, turns] {
+            const QMutexLocker locker(m_ref->mutex());
             if (turns > 1)
-                self->endLater(error, turns - 1);
+                endLater(error, turns - 1);
             else
-                self->end(error);
+                end(error);
         };
-        QMetaObject::invokeMethod(m_loop, step, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(&m_loop, step, Qt::QueuedConnection);
     }
 
-    /// The outcome that is on its way, if any: it counts even if the task goes before it arrives.
-    Error outcomeOr(const Error &error) const
-    {
-        const QMutexLocker locker(&m_mutex);
-        return m_outcome.value_or(error);
-    }
-
-    Error close()
-    {
-        const QMutexLocker locker(&m_mutex);
-        m_loop = nullptr;
-        return m_result.value_or(Error());
-    }
-
-private:
-    mutable QMutex m_mutex;
-    QEventLoop *m_loop;
+    const std::shared_ptr<TaskRef> m_ref;
+    const Qt::ConnectionType m_wakeUp;
+    QEventLoop m_loop;
+    // Guarded by the mutex of the reference.
     std::optional<Error> m_outcome;
     std::optional<Error> m_result;
 };
@@ -77,44 +101,29 @@ int toTimeout(std::chrono::milliseconds duration)
     return int(qMin<qint64>(duration.count(), std::numeric_limits<int>::max()));
 }
 
-// The regular wake-up and everything that was connected before it are posted by then.
-constexpr int turnsBehindRegularWakeUp = 2;
-
 } // namespace
 
-Error BaseTask::Private::wait(Qt::ConnectionType wakeUp, int msec) const
+Error BaseTask::Private::wait(Qt::ConnectionType wakeUp, int msec)
 {
     if (q->isFinished())
         return q->error();
 
-    QEventLoop loop;
-    const auto wait = std::make_shared<WaitState>(&loop);
-    const auto onFinished = [wait, wakeUp, task = q] {
-        if (wakeUp == Qt::QueuedConnection)
-            wait->endLater(task->error(), 1);
-        else
-            wait->end(task->error());
-    };
-    const auto onStateChanged = [wait, task = q](State reached) {
-        if (reached == Finished && !of(task)->announcesEnd())
-            wait->endLater(task->error(), turnsBehindRegularWakeUp);
-    };
-    connect(this, &Private::finished, &loop, onFinished, Qt::DirectConnection);
-    connect(q, &BaseTask::stateChanged, &loop, onStateChanged, Qt::DirectConnection);
-    connect(
-        this, &QObject::destroyed, &loop, [wait] { wait->end(wait->outcomeOr(destroyedError())); },
-        Qt::DirectConnection);
-    if (q->isFinished())
-        wait->endLater(q->error(), turnsBehindRegularWakeUp);
-
-    QTimer timer;
-    timer.setTimerType(Qt::PreciseTimer);
-    connect(&timer, &QTimer::timeout, &loop, [wait] { wait->end(Error(Timeout)); });
-    if (msec >= 0)
-        timer.start(msec);
-    loop.exec(waitMode == ExcludeUserInput ? QEventLoop::ExcludeUserInputEvents : QEventLoop::AllEvents);
+    Wait wait(ref(), wakeUp);
+    if (q->isFinished()) {
+        const QMutexLocker locker(knownRef.load()->mutex());
+        wait.onEnded(q, false);
+    }
+    const auto flags = waitMode == ExcludeUserInput ? QEventLoop::ExcludeUserInputEvents : QEventLoop::AllEvents;
+    std::optional<QTimer> timer;
+    if (msec >= 0) {
+        timer.emplace();
+        timer->setTimerType(Qt::PreciseTimer);
+        connect(&*timer, &QTimer::timeout, wait.loop(), [&wait] { wait.endWith(Error(Timeout)); });
+        timer->start(msec);
+    }
+    wait.loop()->exec(flags);
     // From here on the task may be gone.
-    return wait->close();
+    return wait.result();
 }
 
 Err BaseTask::waitForFinished(int msec) const

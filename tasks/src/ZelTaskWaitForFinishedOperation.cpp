@@ -2,18 +2,18 @@
 
 #include "BaseTask_p.h"
 
-#include <QMutex>
+#include <QMutexLocker>
 #include <QPointer>
 #include <QThread>
 
-#include <array>
 #include <optional>
 #include <utility>
 
 namespace QCoro::detail {
 
 /// Shared with what is posted for the awaiter, which finds no coroutine to resume once that was done or is gone.
-class Q_DECL_HIDDEN ZelTaskWaitForFinishedOperation::Record : public std::enable_shared_from_this<Record> {
+class Q_DECL_HIDDEN ZelTaskWaitForFinishedOperation::Record final : public zel::TaskWatcher,
+                                                                    public std::enable_shared_from_this<Record> {
 public:
     explicit Record(const zel::BaseTask *awaited) : task(awaited) { }
 
@@ -23,76 +23,71 @@ public:
     void resume();
     zel::Error result() const;
 
+    void onEnded(const zel::BaseTask *awaited, bool isAnnounced) override;
+    void onDestroyed(const zel::BaseTask *awaited, const zel::Error &error) override;
+
     const QPointer<const zel::BaseTask> task;
 
 private:
-    void onEnded(const zel::BaseTask *awaited);
-    void onEndedUnannounced(const zel::BaseTask *awaited);
-    void resumeWithoutTask(QThread *thread);
-    // These are called with the mutex held.
-    void keepOutcome(const zel::BaseTask *awaited);
-    void postResume(const zel::BaseTask *awaited);
+    void postResume(QObject *context, int turns);
 
-    mutable QMutex m_mutex;
+    /// Null until the awaiter waits. Its mutex guards what follows.
+    std::shared_ptr<zel::TaskRef> m_ref;
     std::coroutine_handle<> m_awaiting;
     QPointer<QThread> m_awaitingThread;
     /// What the task had for an error when it ended. It counts once the task is gone or runs again.
     std::optional<zel::Error> m_outcome;
     /// The number of the task's run while it stays ended; none once the task is gone.
     std::optional<quint64> m_endedRun;
-    std::array<QMetaObject::Connection, 4> m_connections;
+    QMetaObject::Connection m_connection;
 };
 
 void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awaitingCoroutine)
 {
     using zel::BaseTask;
-    using Private = BaseTask::Private;
-    // Kept in locals: once connected, another thread may resume the coroutine and destroy the awaiter.
     const BaseTask *awaited = task;
-    auto *internals = Private::of(awaited);
-    const auto weak = weak_from_this();
-    const auto withRecord = [weak](const auto &call) {
-        if (const auto record = weak.lock())
-            call(*record);
-    };
-
-    const QMutexLocker locker(&m_mutex);
+    auto *internals = BaseTask::Private::of(awaited);
+    m_ref = internals->ref();
     m_awaiting = awaitingCoroutine;
     m_awaitingThread = QThread::currentThread();
-    m_connections[0] = QObject::connect(
-        awaited, &BaseTask::finished, internals, [withRecord] { withRecord([](Record &record) { record.resume(); }); },
+    const auto connection = QObject::connect(
+        awaited, &BaseTask::finished, internals,
+        [weak = weak_from_this()] {
+            if (const auto record = weak.lock())
+                record->resume();
+        },
         Qt::QueuedConnection);
-    m_connections[1] = QObject::connect(
-        internals, &Private::finished, internals,
-        [withRecord, awaited] { withRecord([awaited](Record &record) { record.onEnded(awaited); }); },
-        Qt::DirectConnection);
-    m_connections[2] = QObject::connect(
-        awaited, &BaseTask::stateChanged, internals,
-        [withRecord, awaited, internals](BaseTask::State state) {
-            if (state == BaseTask::Finished && !internals->announcesEnd())
-                withRecord([awaited](Record &record) { record.onEndedUnannounced(awaited); });
-        },
-        Qt::DirectConnection);
-    m_connections[3] = QObject::connect(
-        internals, &QObject::destroyed, internals,
-        [withRecord, awaited] {
-            withRecord([awaited](Record &record) { record.resumeWithoutTask(awaited->thread()); });
-        },
-        Qt::DirectConnection);
-    // Still with the mutex: without it, the coroutine may be resumed and delete the task.
-    if (!awaited->isFinished())
+
+    // Another thread may have resumed the coroutine, and destroyed the task, since it was connected.
+    const QMutexLocker locker(m_ref->mutex());
+    if (!m_ref->get()) {
+        if (m_awaiting)
+            onDestroyed(nullptr, BaseTask::Private::destroyedError());
         return;
-    keepOutcome(awaited);
-    postResume(awaited);
+    }
+    if (!m_awaiting) {
+        QObject::disconnect(connection);
+        return;
+    }
+    m_connection = connection;
+    m_ref->add(this);
+    if (awaited->isFinished())
+        onEnded(awaited, false);
 }
 
 std::coroutine_handle<> ZelTaskWaitForFinishedOperation::Record::detach()
 {
-    QMutexLocker locker(&m_mutex);
-    const auto connections = std::exchange(m_connections, {});
+    if (!m_ref)
+        return {};
+    QMutexLocker locker(m_ref->mutex());
+    m_ref->remove(this);
     const auto awaiting = std::exchange(m_awaiting, {});
+    const auto connection = std::exchange(m_connection, {});
+    // On another thread the task might be on its way out; what stays connected then resumes nobody.
+    const zel::BaseTask *awaited = m_ref->get();
+    const bool isOwnThread = awaited && awaited->thread() == QThread::currentThread();
     locker.unlock();
-    for (const QMetaObject::Connection &connection : connections)
+    if (isOwnThread)
         QObject::disconnect(connection);
     return awaiting;
 }
@@ -105,65 +100,54 @@ void ZelTaskWaitForFinishedOperation::Record::resume()
 
 zel::Error ZelTaskWaitForFinishedOperation::Record::result() const
 {
-    const QMutexLocker locker(&m_mutex);
+    std::optional<QMutexLocker<QMutex>> locker;
+    if (m_ref)
+        locker.emplace(m_ref->mutex());
     const bool isStillEnded = m_endedRun && task && zel::BaseTask::Private::of(task)->run == m_endedRun;
     if (m_outcome && !isStillEnded)
         return *m_outcome;
     return task ? task->error() : zel::Error(zel::NoError);
 }
 
-void ZelTaskWaitForFinishedOperation::Record::onEnded(const zel::BaseTask *awaited)
+// What finish() announces resumes the coroutine through the connection. Behind what such an end posts, the others do.
+void ZelTaskWaitForFinishedOperation::Record::onEnded(const zel::BaseTask *awaited, bool isAnnounced)
 {
-    const QMutexLocker locker(&m_mutex);
-    keepOutcome(awaited);
+    auto *internals = zel::BaseTask::Private::of(awaited);
+    if (!m_outcome) {
+        m_outcome = awaited->error();
+        m_endedRun = internals->run;
+    }
+    if (!isAnnounced)
+        postResume(internals, 2);
 }
 
-// Without finished().
-void ZelTaskWaitForFinishedOperation::Record::onEndedUnannounced(const zel::BaseTask *awaited)
+// The task's own events go with it; the coroutine must not be resumed inside its destructor.
+void ZelTaskWaitForFinishedOperation::Record::onDestroyed(const zel::BaseTask *awaited, const zel::Error &error)
 {
-    const QMutexLocker locker(&m_mutex);
-    keepOutcome(awaited);
-    postResume(awaited);
-}
-
-void ZelTaskWaitForFinishedOperation::Record::keepOutcome(const zel::BaseTask *awaited)
-{
-    if (m_outcome)
-        return;
-    m_outcome = awaited->error();
-    m_endedRun = zel::BaseTask::Private::of(awaited)->run;
-}
-
-// Behind what a regular end posts.
-void ZelTaskWaitForFinishedOperation::Record::postResume(const zel::BaseTask *awaited)
-{
-    QObject *context = zel::BaseTask::Private::of(awaited);
-    const auto lastTurn = [weak = weak_from_this()] {
-        if (const auto record = weak.lock())
-            record->resume();
-    };
-    const auto firstTurn = [context, lastTurn] { QMetaObject::invokeMethod(context, lastTurn, Qt::QueuedConnection); };
-    QMetaObject::invokeMethod(context, firstTurn, Qt::QueuedConnection);
-}
-
-void ZelTaskWaitForFinishedOperation::Record::resumeWithoutTask(QThread *thread)
-{
-    QMutexLocker locker(&m_mutex);
     m_endedRun.reset();
     if (!m_outcome)
-        m_outcome = zel::BaseTask::Private::destroyedError();
-    locker.unlock();
-    // The task's own events go with it; the coroutine must not be resumed inside its destructor.
-    auto *courier = new QObject;
+        m_outcome = error;
+    QThread *thread = awaited ? awaited->thread() : nullptr;
     if ((!thread || thread->isFinished()) && m_awaitingThread)
         thread = m_awaitingThread;
+    auto *courier = new QObject;
     courier->moveToThread(thread);
-    const auto deliver = [courier, weak = weak_from_this()] {
-        courier->deleteLater();
-        if (const auto record = weak.lock())
+    postResume(courier, 1);
+    courier->deleteLater();
+}
+
+void ZelTaskWaitForFinishedOperation::Record::postResume(QObject *context, int turns)
+{
+    const auto step = [context, turns, weak = weak_from_this()] {
+        const auto record = weak.lock();
+        if (!record)
+            return;
+        if (turns > 1)
+            record->postResume(context, turns - 1);
+        else
             record->resume();
     };
-    QMetaObject::invokeMethod(courier, deliver, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(context, step, Qt::QueuedConnection);
 }
 
 ZelTaskWaitForFinishedOperation::ZelTaskWaitForFinishedOperation(const zel::BaseTask &task)

@@ -96,7 +96,8 @@ void EventLog::at(int index, std::function<void()> reaction)
 QStringList EventLog::events() const
 {
     const QMutexLocker locker(&m_mutex);
-    return m_events;
+    // Nothing shared, which the next event would look at without the lock of whoever has it.
+    return {m_events.cbegin(), m_events.cend()};
 }
 
 QString EventLog::take()
