@@ -1,8 +1,11 @@
 #include "Skeleton.h"
 
+#include <algorithm>
+
 Skeleton::Skeleton(QObject *parent) : QObject(parent), m_private(std::make_unique<SkeletonPrivate>(this))
 {
-    connect(this, &Skeleton::canceled, this, [this] { m_isCanceled = true; });
+    connect(
+        this, &Skeleton::canceled, this, [this] { m_isCanceled = true; }, Qt::DirectConnection);
 }
 
 Skeleton::~Skeleton()
@@ -40,36 +43,47 @@ void SkeletonQueue::append(Skeleton *task)
         task, &Skeleton::aboutToDestroy, this, [] {}, Qt::DirectConnection);
     connect(
         task, &Skeleton::priorityChanged, this, [](int) {}, Qt::QueuedConnection);
-    m_pending.enqueue(task);
+    m_pending[size_t(task->priority)].enqueue(task);
 }
 
 void SkeletonQueue::start()
 {
-    m_pending.dequeue()->run();
+    const auto first = std::find_if(m_pending.begin(), m_pending.end(),
+                                    [](const auto &level) { return !level.isEmpty(); });
+    first != m_pending.end() ? first->dequeue()->run() : idle();
 }
 
 void SkeletonQueue::onFinished(Skeleton *task)
 {
     disconnect(task, nullptr, this, nullptr);
-    m_pending.isEmpty() ? idle() : start();
+    start();
 }
 
+SkeletonGroup::SkeletonGroup()
+{
+    connect(this, &Skeleton::stateChanged, this, [](int) {});
+}
+
+// Start and end are taken note of where they happen, which may be another thread, and handled in the group's.
 void SkeletonGroup::append(Skeleton *child)
 {
     ++m_pending;
+    Q_EMIT taskAppended(child);
+    setProgress(0, 0);
     connect(
-        child, &Skeleton::started, this, [] {}, Qt::QueuedConnection);
+        child, &Skeleton::started, this,
+        [this] {
+            QMetaObject::invokeMethod(
+                this, [] {}, Qt::QueuedConnection);
+        },
+        Qt::DirectConnection);
     connect(
         child, &Skeleton::finished, this,
         [this, child] {
-            if (deletesChildren) {
-                disconnect(child, nullptr, this, nullptr);
-                child->deleteLater();
-            }
-            if (--m_pending == 0)
-                run();
+            QMetaObject::invokeMethod(
+                this, [this, child] { onFinished(child); }, Qt::QueuedConnection);
         },
-        Qt::QueuedConnection);
+        Qt::DirectConnection);
     connect(
         child, &Skeleton::progress, this,
         [this](int value, int) {
@@ -77,5 +91,14 @@ void SkeletonGroup::append(Skeleton *child)
             setProgress(m_sum, 0);
         },
         Qt::QueuedConnection);
-    setProgress(0, 0);
+}
+
+void SkeletonGroup::onFinished(Skeleton *child)
+{
+    if (deletesChildren) {
+        disconnect(child, nullptr, this, nullptr);
+        child->deleteLater();
+    }
+    if (--m_pending == 0)
+        run();
 }

@@ -2,10 +2,10 @@
 
 #include <zel/common/Error.h>
 
-#include <QList>
 #include <QObject>
 #include <QQueue>
 
+#include <array>
 #include <memory>
 
 /// What the design of a task costs by itself, without any logic: the private part, with its signals.
@@ -64,6 +64,7 @@ class SkeletonQueue : public QObject {
     Q_OBJECT
 public:
     void append(Skeleton *task);
+    /// Runs the first pending task.
     void start();
 
 Q_SIGNALS:
@@ -72,18 +73,24 @@ Q_SIGNALS:
 private:
     void onFinished(Skeleton *task);
 
-    QQueue<Skeleton *> m_pending;
+    std::array<QQueue<Skeleton *>, 11> m_pending; ///< by priority
 };
 
 /// What the design of a group costs by itself: its connections to each child, the posted events, and a count.
 class SkeletonGroup : public Skeleton {
     Q_OBJECT
 public:
+    SkeletonGroup();
     void append(Skeleton *child);
 
     bool deletesChildren = false;
 
+Q_SIGNALS:
+    void taskAppended(Skeleton *child);
+
 private:
+    void onFinished(Skeleton *child);
+
     int m_pending = 0;
     int m_sum = 0;
 };

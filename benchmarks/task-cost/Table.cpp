@@ -2,11 +2,86 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
+#include <regex>
+#include <string>
+#include <vector>
 
 namespace {
 
-double median(std::vector<double> values)
+constexpr int repetitions = 9;
+constexpr int largeRepetitions = 3;
+constexpr double secondsPerRun = 0.03;
+
+using Costs = std::vector<double>;
+
+/// A function with its arguments, and what an item cost in each run of it.
+struct Side {
+    const char *name;
+    Workload::Function function;
+    int size;
+    int containers;
+    Costs costs;
+};
+
+/// Takes what an item cost from a run.
+class Reporter : public benchmark::BenchmarkReporter {
+public:
+    Reporter(const Workload &workload, Side &side) : m_workload(workload), m_side(side) { }
+
+    bool ReportContext(const Context &) override { return true; }
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        for (const Run &run : runs) {
+            if (run.run_type == Run::RT_Iteration && !hasFailed(run))
+                m_side.costs.push_back(costOf(run));
+        }
+    }
+
+private:
+    // The member's name depends on the version of the library.
+    static bool hasFailed(const auto &run)
+    {
+        if constexpr (requires { run.error_occurred; })
+            return run.error_occurred;
+        else
+            return bool(run.skipped);
+    }
+
+    double costOf(const Run &run) const
+    {
+        if (m_workload.quantity == Workload::Bytes)
+            return run.counters.at("bytes");
+        const bool isWallTime = m_workload.quantity == Workload::WallTime;
+        const double seconds = isWallTime ? run.real_accumulated_time : run.cpu_accumulated_time;
+        return seconds * 1e9 / double(run.iterations) / m_side.size / m_side.containers;
+    }
+
+    const Workload &m_workload;
+    Side &m_side;
+};
+
+/// The sides take turns, so that a slow moment of the machine meets all of them.
+void run(const Workload &workload, std::vector<Side> &sides, int count, bool oneIteration)
+{
+    for (int i = 0; i < count; ++i) {
+        for (Side &side : sides) {
+            if (!side.function)
+                continue;
+            const std::string name = std::string(workload.name) + '/' + side.name;
+            auto *benchmark = benchmark::RegisterBenchmark(name.c_str(), side.function);
+            benchmark->Args({side.size, side.containers});
+            if (oneIteration)
+                benchmark->Iterations(1);
+            else
+                benchmark->MinTime(secondsPerRun);
+            Reporter reporter(workload, side);
+            benchmark::RunSpecifiedBenchmarks(&reporter, ".*");
+            benchmark::ClearRegisteredBenchmarks();
+        }
+    }
+}
+
+double median(Costs values)
 {
     if (values.empty())
         return 0;
@@ -15,56 +90,75 @@ double median(std::vector<double> values)
     return *middle;
 }
 
-double medianOfRatios(const std::vector<double> &values, const std::vector<double> &others)
+double medianOfRatios(const Costs &values, const Costs &others)
 {
-    std::vector<double> ratios;
+    Costs ratios;
     for (size_t i = 0; i < std::min(values.size(), others.size()); ++i)
         ratios.push_back(values[i] / others[i]);
     return median(ratios);
 }
 
+/// An empty cell for 0.
+void printCell(int width, int precision, double value, const char *unit = "")
+{
+    char text[32] = "";
+    if (value > 0)
+        std::snprintf(text, sizeof text, "%.*f%s", precision, value, unit);
+    std::printf(" %*s", width, text);
+}
+
+void measureSmall(const Workload &workload)
+{
+    std::vector<Side> sides{{"ours", workload.ours, workload.size, 1, {}},
+                            {"baseline", workload.baseline, workload.size, 1, {}}};
+    const bool isHeap = workload.quantity == Workload::Bytes;
+    run(workload, sides, isHeap ? 1 : repetitions, isHeap);
+    const char *unit = isHeap ? " B" : " ns";
+    std::printf("%-32s %8d", workload.name, workload.size);
+    printCell(10, 0, median(sides[0].costs), unit);
+    printCell(10, 0, median(sides[1].costs), unit);
+    printCell(6, 2, medianOfRatios(sides[0].costs, sides[1].costs));
+    if (workload.costGoal > 0)
+        printCell(8, 0, workload.costGoal, unit);
+    else
+        printCell(8, 2, workload.ratioGoal);
+    std::printf("\n");
+}
+
+// The small size is measured again: as many small queues or groups at once as make the number of items of the large
+// one, so that both are equally far from the caches. What an item costs in one small queue would show those. Threads
+// run one or two at a time, however large the size.
+void measureLarge(const Workload &workload)
+{
+    const int containers = workload.quantity == Workload::WallTime ? 1 : workload.largeSize / workload.size;
+    std::vector<Side> sides{{"small", workload.ours, workload.size, containers, {}},
+                            {"large", workload.ours, workload.largeSize, 1, {}}};
+    run(workload, sides, largeRepetitions, true);
+    std::printf("%-32s %8d", "", workload.largeSize);
+    printCell(10, 0, median(sides[1].costs), " ns");
+    printCell(10, 0, 0);
+    printCell(6, 2, 0);
+    printCell(8, 2, 0);
+    printCell(6, 2, medianOfRatios(sides[1].costs, sides[0].costs));
+    printCell(6, 2, workload.growthGoal);
+    std::printf("\n");
+}
+
 } // namespace
 
-void Table::ReportRuns(const std::vector<Run> &runs)
+void printHeading()
 {
-    for (const Run &run : runs) {
-        if (run.run_type != Run::RT_Iteration || run.error_occurred)
-            continue;
-        std::istringstream name(run.benchmark_name());
-        std::string workload;
-        std::string size;
-        std::string side;
-        std::getline(name, workload, '/');
-        std::getline(name, size, '/');
-        std::getline(name, side, '/');
-        const auto known = std::find_if(m_workloads.begin(), m_workloads.end(),
-                                        [&](const Workload &candidate) { return candidate.name == workload; });
-        const double time = known->isWallTime ? run.real_accumulated_time : run.cpu_accumulated_time;
-        Costs &costs = m_costs[{workload, std::stoi(size)}];
-        const double perItem = time / double(run.iterations) / std::stoi(size) * 1e9;
-        (side == "ours" ? costs.ours : costs.baseline).push_back(perItem);
-    }
-}
-
-void Table::Finalize()
-{
-    std::printf("%-34s %8s %10s %10s %6s %6s %7s %6s\n", "workload", "items", "ours ns", "base ns", "ratio", "goal",
+    std::printf("%-32s %8s %10s %10s %6s %8s %6s %6s\n", "workload", "items", "ours", "baseline", "ratio", "goal",
                 "growth", "goal");
-    for (const Workload &workload : m_workloads) {
-        for (const int size : workload.sizes) {
-            const auto costs = m_costs.find({workload.name, size});
-            if (costs != m_costs.end())
-                printSize(workload, size, costs->second, m_costs[{workload.name, workload.sizes.front()}]);
-        }
-    }
 }
 
-void Table::printSize(const Workload &workload, int size, const Costs &costs, const Costs &smallest) const
+void measure(const Workload &workload, bool measuresGrowth)
 {
-    const double ratio = medianOfRatios(costs.ours, costs.baseline);
-    std::printf("%-34s %8d %10.0f %10.0f %6.2f %6.2f", workload.name, size, median(costs.ours), median(costs.baseline),
-                ratio, workload.goal);
-    if (workload.growthGoal > 0 && size == workload.sizes.back())
-        std::printf(" %7.2f %6.2f", median(costs.ours) / median(smallest.ours), workload.growthGoal);
-    std::printf("\n");
+    const std::string filter = benchmark::GetBenchmarkFilter();
+    if (!filter.empty() && filter != "all" && !std::regex_search(workload.name, std::regex(filter)))
+        return;
+    measureSmall(workload);
+    if (measuresGrowth && workload.largeSize > 0)
+        measureLarge(workload);
+    std::fflush(stdout);
 }

@@ -2,44 +2,28 @@
 
 #include <benchmark/benchmark.h>
 
-#include <map>
-#include <string>
-#include <utility>
-#include <vector>
-
-/// What is measured: ours and what it is compared with, for each size. Names are "workload/size/ours" and
-/// ".../baseline".
+/// What is measured: ours and what it is compared with, and what the goals ask of them.
+///
+/// A function handles state.range(0) items in each of state.range(1) queues, groups or the like.
 struct Workload {
     using Function = void (*)(benchmark::State &state);
+    enum Quantity {
+        CpuTime,
+        WallTime, ///< for threads: the work is not done on the measuring one
+        Bytes,    ///< the counter of that name
+    };
 
     const char *name;
     Function ours;
-    Function baseline;
-    std::vector<int> sizes; ///< items that one iteration handles
-    double goal;            ///< largest ratio of ours and baseline
-    double growthGoal;      ///< largest ratio of the largest size and the smallest; 0: none
-    bool isWallTime;        ///< threads: the work is not done on the measuring one
+    Function baseline = nullptr; ///< null: none
+    int size = 1;
+    double ratioGoal = 0;  ///< largest ratio of ours and the baseline; 0: none
+    double costGoal = 0;   ///< largest cost of an item; 0: none
+    int largeSize = 0;     ///< up to which the growth is measured; 0: it is not
+    double growthGoal = 0; ///< largest ratio of what an item costs in the large size and in the small one
+    Quantity quantity = CpuTime;
 };
 
-/// Prints one table: medians of what an item costs and of the ratios of runs side by side.
-class Table : public benchmark::BenchmarkReporter {
-public:
-    explicit Table(const std::vector<Workload> &workloads) : m_workloads(workloads) { }
-
-    bool ReportContext(const Context &) override { return true; }
-    void ReportRuns(const std::vector<Run> &runs) override;
-    void Finalize() override;
-
-private:
-    using Key = std::pair<std::string, int>;
-    /// Nanoseconds per item, a value per repetition.
-    struct Costs {
-        std::vector<double> ours;
-        std::vector<double> baseline;
-    };
-
-    void printSize(const Workload &workload, int size, const Costs &costs, const Costs &smallest) const;
-
-    const std::vector<Workload> &m_workloads;
-    std::map<Key, Costs> m_costs;
-};
+void printHeading();
+/// Measures a workload and prints its rows: medians of what an item costs, and of the ratios of runs side by side.
+void measure(const Workload &workload, bool measuresGrowth);

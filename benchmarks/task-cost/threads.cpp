@@ -1,0 +1,5 @@
+#include "workloads.h"
+std::vector<Workload> threadWorkloads()
+{
+    return {};
+}
