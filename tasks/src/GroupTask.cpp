@@ -101,11 +101,14 @@ void GroupTask::Private::onChildFinished(const Child &child, quint64 run, quint6
 {
     const QPointer<GroupTask> self(q);
     const GroupLocker locker(mutex);
-    if (!child->isListed || run <= child->begunRun)
+    if (!child->isListed)
+        return;
+    child->handledRun = qMax(child->handledRun, run);
+    // It runs again; this is an earlier end.
+    if (run <= child->begunRun)
         return;
     setPending(child, false);
     setUnstarted(child, false);
-    child->handledRun = run;
     if (cleanupPolicy == DeleteWhenFinished)
         unlistAndDelete(child);
     if (q->isFinished())
@@ -294,7 +297,9 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
     // the run are those of the moment, and the child may be gone by the time of the handling.
     const auto onStarted = [this, toGroup = link, child, task, type = connectionType] {
         const quint64 run = runOf(task);
-        child->begunRun = run;
+        // Unless an earlier handler of started() has ended it, which is reported already.
+        if (child->reportedRun < run)
+            child->begunRun = run;
         toGroup->deliver([this, child, run, use = toGroup->use.load()] { onChildStarted(child, run, use); }, type);
     };
     const auto onFinished = [this, toGroup = link, child, task, type = connectionType] {

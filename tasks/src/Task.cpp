@@ -78,14 +78,10 @@ Slot Task::Private::copyOf(const Slot &slot) const
 
 std::shared_ptr<TasksQueueLock> Task::Private::queueLock() const
 {
+    if (!knownHolder)
+        return {};
     const QMutexLocker locker(&mutex);
     return holder;
-}
-
-TasksQueueEntry *Task::Private::queueEntry(const TasksQueueLock *lock) const
-{
-    const QMutexLocker locker(&mutex);
-    return holder.get() == lock ? holderEntry : nullptr;
 }
 
 bool Task::Private::claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry)
@@ -95,6 +91,7 @@ bool Task::Private::claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQue
         return false;
     holder = std::move(lock);
     holderEntry = entry;
+    knownHolder.store(holder.get(), std::memory_order_release);
     return true;
 }
 
@@ -103,6 +100,7 @@ void Task::Private::releaseQueueEntry(const TasksQueueLock *lock)
     const QMutexLocker locker(&mutex);
     if (holder.get() != lock)
         return;
+    knownHolder.store(nullptr, std::memory_order_release);
     holder.reset();
     holderEntry = nullptr;
 }
@@ -220,10 +218,12 @@ Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, p
 
 Task::~Task()
 {
+    if (const auto lock = d->queueLock())
+        TasksQueue::Private::onTaskDestroyed(lock, this);
     Q_EMIT aboutToDestroy();
     BaseTask::Private::of(this)->clearRef();
     TaskUse::waitForOthers(this);
-    // A queue that was just connecting to the task again did not hear the signal.
+    // A handler, or another thread, may have appended it again.
     if (const auto lock = d->queueLock())
         TasksQueue::Private::onTaskDestroyed(lock, this);
     stopWorkingThread();
@@ -282,8 +282,13 @@ int Task::priority() const
 
 void Task::setPriority(int priority)
 {
-    if (d->priority.exchange(priority) != priority)
-        Q_EMIT priorityChanged(priority);
+    if (d->priority.exchange(priority) == priority)
+        return;
+    const auto lock = d->queueLock();
+    const QPointer<Task> self(lock ? this : nullptr);
+    Q_EMIT priorityChanged(priority);
+    if (self)
+        TasksQueue::Private::onTaskPriorityChanged(lock, this);
 }
 
 std::chrono::milliseconds Task::threadWaitTime() const

@@ -20,6 +20,7 @@ struct Registry {
     QWaitCondition ended;
     /// As many as threads are at work with a task at the moment, and a few more where starts are nested.
     QList<Use> uses;
+    int waiting = 0;
 };
 // Never destroyed: tasks and queues with static storage may outlive everything of ours that is.
 Registry *registry()
@@ -45,7 +46,8 @@ TaskUse::~TaskUse()
     // The innermost one, which is the last of this thread.
     const auto found = std::find(uses.crbegin(), uses.crend(), Use(m_task, QThread::currentThreadId()));
     uses.remove(std::distance(found, uses.crend()) - 1);
-    registry()->ended.wakeAll();
+    if (registry()->waiting > 0)
+        registry()->ended.wakeAll();
 }
 
 void TaskUse::waitForOthers(const BaseTask *task)
@@ -56,8 +58,10 @@ void TaskUse::waitForOthers(const BaseTask *task)
         return use.first == task && use.second != self;
     };
     const QMutexLocker locker(&registry()->mutex);
+    ++registry()->waiting;
     while (std::any_of(registry()->uses.cbegin(), registry()->uses.cend(), isElsewhere))
         registry()->ended.wait(&registry()->mutex);
+    --registry()->waiting;
 }
 
 void TaskUse::addHeldLocks(int count)

@@ -33,11 +33,13 @@ public:
     template <typename Slot>
     Slot copyOf(const Slot &slot) const;
     std::shared_ptr<TasksQueueLock> queueLock() const;
-    TasksQueueEntry *queueEntry(const TasksQueueLock *lock) const;
     /// Returns false when another queue has taken the task.
     bool claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry);
     /// Unless another queue has taken the task.
     void releaseQueueEntry(const TasksQueueLock *lock);
+
+    /// Called with \a lock held; null when another queue has the task, or none.
+    TasksQueueEntry *queueEntry(const TasksQueueLock *lock) const { return knownHolder == lock ? holderEntry : nullptr; }
 
     /// Finishes \a task, if it is still there and in that run, with the outcome of the coroutine that start() gives.
     template <typename Start>
@@ -69,6 +71,8 @@ public:
     /// The queue that holds this task, pending or running, and what it knows of it.
     std::shared_ptr<TasksQueueLock> holder;
     TasksQueueEntry *holderEntry = nullptr;
+    /// The same queue for who has its lock: only then the two above stay as they are.
+    std::atomic<const TasksQueueLock *> knownHolder = nullptr;
 };
 
 } // namespace zel

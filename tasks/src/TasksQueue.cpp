@@ -69,7 +69,7 @@ void TasksQueueLock::postDispatch()
     QMetaObject::invokeMethod(context, dispatch, Qt::QueuedConnection);
 }
 
-TasksQueueLocker::TasksQueueLocker(std::shared_ptr<TasksQueueLock> lock) : m_lock(std::move(lock))
+TasksQueueLocker::TasksQueueLocker(const std::shared_ptr<TasksQueueLock> &lock) : m_lock(lock.get())
 {
     m_lock->mutex.lock();
     if (++m_lock->depth == 1)
@@ -119,9 +119,10 @@ bool TasksQueue::Private::owesDispatch()
         lock->isDispatchHeld = true;
         return true;
     }
-    const bool owes = lock->depth > 1 && lock->clearing == 0;
-    lock->passesOwed += int(owes);
-    return owes;
+    if (lock->depth == 1 || lock->clearing > 0)
+        return false;
+    ++lock->passesOwed;
+    return true;
 }
 
 TasksQueue::Private::Decision TasksQueue::Private::decide()
@@ -138,10 +139,11 @@ TasksQueue::Private::Decision TasksQueue::Private::decide()
 // the stack goes on with it.
 bool TasksQueue::Private::startPending()
 {
-    const QPointer<TasksQueue> queue(q);
     const std::shared_ptr<TasksQueueLock> sharedLock = lock;
     for (;;) {
         TasksQueueLocker locker(sharedLock);
+        if (!sharedLock->queue)
+            return false;
         if (countedRunning >= maxRunning || state != Working)
             return true;
         if (!q->isEmpty() && leavesStartToOthers())
@@ -163,12 +165,11 @@ bool TasksQueue::Private::startPending()
         try {
             q->exec(task);
         } catch (...) {
-            if (queue)
+            const TasksQueueLocker afterThrow(sharedLock);
+            if (sharedLock->queue)
                 abandonStart(entry, frame.stay);
             throw;
         }
-        if (!queue)
-            return false;
     }
 }
 
@@ -191,6 +192,9 @@ void TasksQueue::Private::takeFromOtherQueue(Task *task)
 
 void TasksQueue::Private::dispatch(int passes)
 {
+    // Those behind the first one find nothing to do, but whoever reads the log is told of them.
+    if (!tasksLog().isInfoEnabled())
+        passes = qMin(passes, 1);
     const QPointer<TasksQueue> queue(q);
     for (; queue && passes > 0; --passes)
         queue->tryExec();
@@ -290,10 +294,30 @@ TasksQueue::Private::Entry *TasksQueue::Private::setRunning(Task *task)
     return entry;
 }
 
+// Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds it.
+void TasksQueue::Private::follow(Entry *entry)
+{
+    unfollow(entry);
+    entry->isFollowed = true;
+    entry->connectionType = connectionType;
+    entry->finished = connect(
+        entry->task, &BaseTask::finished, this,
+        [this, task = QPointer<Task>(entry->task), entry, stay = entry->stay] { onTaskFinished(task, entry, stay); },
+        connectionType);
+}
+
+void TasksQueue::Private::unfollow(Entry *entry)
+{
+    entry->isFollowed = false;
+    disconnect(std::exchange(entry->finished, {}));
+    disconnect(std::exchange(entry->idle, {}));
+}
+
 void TasksQueue::Private::forget(Entry *entry)
 {
     if (!entry)
         return;
+    unfollow(entry);
     entry->task->d->releaseQueueEntry(lock.get());
     move(entry, Entry::Unused, unused, unused.begin());
     entry->task = nullptr;
@@ -394,14 +418,19 @@ void TasksQueue::Private::onTaskFinished(const QPointer<Task> &task, const Entry
         q->onTaskFinished(nullptr);
         return;
     }
-    TasksQueueLocker locker(lock);
+    // Handlers may delete the queue: the task's error may clear it.
+    const QPointer<TasksQueue> queue(q);
+    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
+    TasksQueueLocker locker(sharedLock);
     if (entry->stay != stay || entry->place == Entry::Leaving)
         return;
     {
         const TaskUse use(entry->task);
         q->onTaskFinished(entry->task);
     }
-    dispatch(locker.unlock());
+    const int passes = locker.unlock();
+    if (queue)
+        dispatch(passes);
 }
 
 // On the thread that destroys the task, when even the queue may be gone.
@@ -412,16 +441,44 @@ void TasksQueue::Private::onTaskDestroyed(const std::shared_ptr<TasksQueueLock> 
         lock->queue->onTaskDestroyed(task);
 }
 
-void TasksQueue::Private::onTaskPriorityChanged(const Entry *entry, quint64 stay)
+void TasksQueue::Private::onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, Task *task)
 {
     TasksQueueLocker locker(lock);
+    const QPointer<TasksQueue> queue(lock->queue);
+    const Entry *entry = queue ? queue->d->entryOf(task) : nullptr;
+    if (!entry || !entry->isFollowed)
+        return;
+    const Qt::ConnectionType type = entry->connectionType;
+    const bool isOwnThread = queue->thread() == QThread::currentThread();
+    if (type == Qt::DirectConnection || (type == Qt::AutoConnection && isOwnThread)) {
+        queue->readdTask(task);
+        const int passes = locker.unlock();
+        if (queue)
+            queue->d->dispatch(passes);
+        return;
+    }
+    const auto readd = [queue = queue->d.get(), entry, stay = entry->stay] { queue->readd(entry, stay); };
+    QObject *context = lock->context;
+    // The queue's thread takes the lock before the call returns.
+    if (type == Qt::BlockingQueuedConnection)
+        static_cast<void>(locker.unlock());
+    QMetaObject::invokeMethod(context, readd, type);
+}
+
+void TasksQueue::Private::readd(const Entry *entry, quint64 stay)
+{
+    const QPointer<TasksQueue> queue(q);
+    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
+    TasksQueueLocker locker(sharedLock);
     if (entry->stay != stay)
         return;
     {
         const TaskUse use(entry->task);
         q->readdTask(entry->task);
     }
-    dispatch(locker.unlock());
+    const int passes = locker.unlock();
+    if (queue)
+        dispatch(passes);
 }
 
 TasksQueue::Private::Entries &TasksQueue::Private::listOf(const Entry &entry)
@@ -473,7 +530,7 @@ void TasksQueue::Private::park(Entry *entry)
 {
     move(entry, Entry::Parked, parked, parked.end());
     const quint64 stay = entry->stay;
-    connect(
+    entry->idle = connect(
         entry->task, &BaseTask::stateChanged, this,
         [this, entry, stay](BaseTask::State newState) {
             if (newState == BaseTask::Idle)
@@ -489,7 +546,7 @@ void TasksQueue::Private::unpark(Entry *entry, quint64 stay)
     const TasksQueueLocker locker(lock);
     if (entry->stay != stay || entry->place != Entry::Parked)
         return;
-    disconnect(entry->task, &BaseTask::stateChanged, this, nullptr);
+    disconnect(std::exchange(entry->idle, {}));
     move(entry, Entry::Returned, returned, returned.end());
     returnedByTurn.emplace(entry->turn(), entry);
 }
@@ -518,12 +575,10 @@ bool TasksQueue::Private::leavesStartToOthers() const
 // The work threw: its slot is free, and the other tasks are not left to a loop that has ended.
 void TasksQueue::Private::abandonStart(Entry *entry, quint64 stay)
 {
-    const TasksQueueLocker locker(lock);
     ++lock->passesOwed;
     if (entry->stay != stay)
         return;
     Task *task = entry->task;
-    q->disconnectTask(task);
     forget(entry);
     task->setQueue(nullptr);
 }
@@ -814,7 +869,8 @@ void TasksQueue::onTaskFinished(Task *task)
         tryExec();
         return;
     }
-    const TasksQueueLocker locker(d->lock);
+    const std::shared_ptr<TasksQueueLock> lock = d->lock;
+    const TasksQueueLocker locker(lock);
     if (!d->entryOf(task) || !task->isFinished())
         return;
     if (task->hasError() && d->errorPolicy == ClearOnError) {
@@ -847,27 +903,16 @@ void TasksQueue::setState(State state)
 void TasksQueue::connectTask(Task *task)
 {
     const TasksQueueLocker locker(d->lock);
-    disconnectTask(task);
-    Private *queue = d.get();
-    const Private::Entry *entry = d->ensureEntry(task);
-    if (!entry)
-        return;
-    const quint64 stay = entry->stay;
-    connect(
-        task, &BaseTask::finished, queue,
-        [queue, guarded = QPointer<Task>(task), entry, stay] { queue->onTaskFinished(guarded, entry, stay); },
-        d->connectionType);
-    connect(
-        task, &Task::aboutToDestroy, queue, [task, lock = d->lock] { Private::onTaskDestroyed(lock, task); },
-        Qt::DirectConnection);
-    connect(
-        task, &Task::priorityChanged, queue, [queue, entry, stay] { queue->onTaskPriorityChanged(entry, stay); },
-        d->connectionType);
+    if (Private::Entry *entry = d->ensureEntry(task))
+        d->follow(entry);
 }
 
 void TasksQueue::disconnectTask(Task *task)
 {
-    disconnect(task, nullptr, d.get(), nullptr);
+    const TasksQueueLocker locker(d->lock);
+    Private::Entry *entry = d->entryOf(task);
+    if (entry && entry->isFollowed)
+        Private::unfollow(entry);
 }
 
 void TasksQueue::removeRunningTask(Task *task)

@@ -46,11 +46,12 @@ public:
     QObject *context;
 };
 
-/// Holds a queue's lock. Dispatch passes that are owed when the outermost one lets go are the business of whoever
-/// calls unlock(); where nobody does, one is posted to the queue's thread.
+/// Holds a queue's lock, but does not keep it alive: where the queue may be deleted meanwhile, the caller does. Dispatch
+/// passes that are owed when the outermost one lets go are the business of whoever calls unlock(); where nobody does, one
+/// is posted to the queue's thread.
 class TasksQueueLocker {
 public:
-    explicit TasksQueueLocker(std::shared_ptr<TasksQueueLock> lock);
+    explicit TasksQueueLocker(const std::shared_ptr<TasksQueueLock> &lock);
     ~TasksQueueLocker();
     Q_DISABLE_COPY_MOVE(TasksQueueLocker)
 
@@ -58,7 +59,7 @@ public:
     [[nodiscard]] int unlock();
 
 private:
-    const std::shared_ptr<TasksQueueLock> m_lock;
+    TasksQueueLock *const m_lock;
     bool m_isLocked = true;
 };
 
@@ -71,7 +72,7 @@ private:
 struct TasksQueueEntry {
     enum Place {
         Unused,   ///< stands for no task
-        Outside,  ///< connected, and in no list of ours: a subclass holds it, or it is on its way from list to list
+        Outside,  ///< followed, and in no list of ours: a subclass holds it, or it is on its way from list to list
         Ready,    ///< pending, was idle when last seen
         Parked,   ///< pending, was passed over because it was not idle
         Returned, ///< pending, idle again after it was passed over
@@ -91,6 +92,11 @@ struct TasksQueueEntry {
     Place place = Unused;
     int clearing = 0;       ///< which of the calls of clear() on the stack took it
     bool isCounted = false; ///< counted among the running ones
+    /// Whether the queue hears of the task's end, its priority and its destruction, the former two by this type.
+    bool isFollowed = false;
+    Qt::ConnectionType connectionType = Qt::AutoConnection;
+    QMetaObject::Connection finished{};
+    QMetaObject::Connection idle{}; ///< while it is parked
 };
 
 /// Each entry stands in exactly one of the lists; the task leads to its entry.
@@ -121,7 +127,9 @@ public:
     bool becomeIdleAfterPass();
     void takeFromOtherQueue(Task *task);
     void dispatch(int passes);
+    /// Called by the task, on whichever thread it happens.
     static void onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
+    static void onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
     void clearAll(ClearPolicy policy, const Error &error);
     static void recount(const std::shared_ptr<TasksQueueLock> &lock, const Task *task);
 
@@ -136,6 +144,8 @@ public:
     void takeOut(Entry *entry);
     /// Null when another queue has taken the task.
     Entry *setRunning(Task *task);
+    void follow(Entry *entry);
+    static void unfollow(Entry *entry);
     void forget(Entry *entry);
     Entries takeAllPending();
     Entries takeAllRunning();
@@ -175,7 +185,7 @@ public:
 
 public Q_SLOTS:
     void onTaskFinished(const QPointer<Task> &task, const Entry *entry, quint64 stay);
-    void onTaskPriorityChanged(const Entry *entry, quint64 stay);
+    void readd(const Entry *entry, quint64 stay);
 
 private:
     // Called with the lock held, but for unpark(), which takes it.
