@@ -111,8 +111,7 @@ void Worker::useShared()
     added->setThreadTerminationEnabled(false);
     queue->append(added);
     Task *task = any(m_sharedTasks);
-    // FAULT 3: to wait for one of these, with a time-out, crashes the thread that runs it.
-    switch (task ? random(8) : -1) {
+    switch (task ? random(9) : -1) {
     case 0:
         delete task;
         return;
@@ -133,6 +132,9 @@ void Worker::useShared()
         return queue->resume();
     case 7:
         return random(30) == 0 ? queue->clear() : void(queue->count());
+    case 8:
+        task->waitForFinished(random(2));
+        return;
     }
 }
 

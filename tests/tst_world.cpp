@@ -55,12 +55,10 @@ QCoro::Task<Error> awaitTask(QPointer<Task> task, std::shared_ptr<int> open)
 
 /// What must be known of a task beside the task.
 struct Watched {
-    bool isOpen = false;       ///< started() came, and no end of it
-    bool isAnnounced = false;  ///< finished() came since it entered Finished
-    bool isStarting = false;   ///< emits started()
-    bool endedInStart = false; ///< finished() has come from there
-    bool isChild = false;      ///< of a group, which may stop it without finished()
-    QStringList shares;        ///< names of the groups that count its figures
+    bool isOpen = false;      ///< started() came, and no end of it
+    bool isAnnounced = false; ///< finished() came since it entered Finished
+    bool isChild = false;     ///< of a group, which may stop it without finished()
+    QStringList shares;       ///< names of the groups that count its figures
 };
 
 /// A few tasks, groups and queues in one thread, to which random things are done, also from handlers of their signals.
@@ -197,7 +195,7 @@ void World::watch(Task *task)
     const auto watched = std::make_shared<Watched>();
     task->setName(QString::number(++m_lastName));
     m_watched.insert(task, watched);
-    QObject::connect(task, &BaseTask::started, task, [watched] { watched->isOpen = watched->isStarting = true; });
+    QObject::connect(task, &BaseTask::started, task, [watched] { watched->isOpen = true; });
     QObject::connect(task, &BaseTask::stateChanged, task, [watched](BaseTask::State state) {
         watched->isOpen = watched->isOpen && state != BaseTask::Idle;
         watched->isAnnounced = watched->isAnnounced && state == BaseTask::Finished;
@@ -206,7 +204,6 @@ void World::watch(Task *task)
         require(task->isFinished() && !watched->isAnnounced, "finished() came twice");
         watched->isAnnounced = true;
         watched->isOpen = false;
-        watched->endedInStart = watched->endedInStart || watched->isStarting;
     });
     // What is on its way out is none of ours any more, and not to be deleted by events that a handler processes.
     QObject::connect(task, &Task::aboutToDestroy, task, [this, task] {
@@ -215,7 +212,6 @@ void World::watch(Task *task)
         QCoreApplication::removePostedEvents(task, QEvent::DeferredDelete);
     });
     reactTo(task, &BaseTask::started);
-    QObject::connect(task, &BaseTask::started, task, [watched] { watched->isStarting = false; });
     reactTo(task, &ErrorCancelable::errorChanged, &ErrorCancelable::canceled, &BaseTask::restarted,
             &BaseTask::finalizing, &BaseTask::stateChanged, &BaseTask::finished, &BaseTask::paused, &BaseTask::resumed,
             &Task::priorityChanged, &Task::aboutToDestroy);
@@ -340,8 +336,6 @@ void World::act()
                     [&] { m_depth == 0 ? moveProgress(group, task) : group->setIdle(); },
                 });
     } else if (m_depth == 0 || random(2)) {
-        // FAULT 1: a handler must not delete a queue with this policy.
-        const bool mayDelete = m_depth == 0 || queue->taskErrorPolicy() != TasksQueue::ClearOnError;
         perform(
             u"events, task %1, queue, group %2"_s.arg(task->name(), group->name()),
             {
@@ -349,7 +343,7 @@ void World::act()
                 [&] { m_depth == 0 ? QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete) : void(); },
                 [&] { m_depth == 0 ? wait(task) : void(); },
                 [&] { delete task; },
-                [&] { delete (mayDelete ? queue : nullptr); },
+                [&] { delete queue; },
                 [&] { delete group; },
             });
     }
@@ -460,12 +454,10 @@ void World::drain()
         task->exec();
     }
     drainEvents();
-    // FAULT 2: it waits for some that are gone. FAULT 4: and for those that ended before it heard of their start.
-    // And it does not hear of those that another group has stopped quietly.
+    // A group does not hear of those that another one has stopped quietly.
     const auto isDone = [&](const BaseTask *child) {
         const auto watched = m_watched.value(child);
-        return child && child->isFinished()
-            && (child->parent() == &last || (watched && watched->isAnnounced && !watched->endedInStart));
+        return !child || (child->isFinished() && (child->parent() == &last || (watched && watched->isAnnounced)));
     };
     for (const auto &group : m_groups) {
         const auto children = group ? group->subtasks() : QList<BaseTask *>();

@@ -1,16 +1,17 @@
 #include "Table.h"
 
+#include <QRegularExpression>
+
 #include <algorithm>
 #include <cstdio>
-#include <regex>
 #include <string>
 #include <vector>
 
 namespace {
 
-constexpr int repetitions = 9;
-constexpr int largeRepetitions = 3;
-constexpr double secondsPerRun = 0.03;
+constexpr int repetitions = 5;
+/// A run of millions of items is long enough to need fewer.
+constexpr int millionRepetitions = 2;
 
 using Costs = std::vector<double>;
 
@@ -72,8 +73,10 @@ void run(const Workload &workload, std::vector<Side> &sides, int count, bool one
             benchmark->Args({side.size, side.containers});
             if (oneIteration)
                 benchmark->Iterations(1);
+            else if (workload.quantity == Workload::WallTime)
+                benchmark->UseRealTime()->MinTime(0.1);
             else
-                benchmark->MinTime(secondsPerRun);
+                benchmark->MinTime(0.03);
             Reporter reporter(workload, side);
             benchmark::RunSpecifiedBenchmarks(&reporter, ".*");
             benchmark::ClearRegisteredBenchmarks();
@@ -125,15 +128,15 @@ void measureSmall(const Workload &workload)
     std::printf("\n");
 }
 
-// The small size is measured again: as many small queues or groups at once as make the number of items of the large
-// one, so that both are equally far from the caches. What an item costs in one small queue would show those. Threads
-// run one or two at a time, however large the size.
+// The small size is measured again: as many small queues or groups as make the number of items of the large one,
+// so that both are equally far from the caches. What an item costs in one small queue would show those.
 void measureLarge(const Workload &workload)
 {
-    const int containers = workload.quantity == Workload::WallTime ? 1 : workload.largeSize / workload.size;
+    const int containers = workload.largeSize / workload.size;
+    const int count = workload.largeSize < 1'000'000 ? repetitions : millionRepetitions;
     std::vector<Side> sides{{"small", workload.ours, workload.size, containers, {}},
                             {"large", workload.ours, workload.largeSize, 1, {}}};
-    run(workload, sides, largeRepetitions, true);
+    run(workload, sides, count, true);
     std::printf("%-32s %8d", "", workload.largeSize);
     printCell(10, 0, median(sides[1].costs), " ns");
     printCell(10, 0, 0);
@@ -154,8 +157,8 @@ void printHeading()
 
 void measure(const Workload &workload, bool measuresGrowth)
 {
-    const std::string filter = benchmark::GetBenchmarkFilter();
-    if (!filter.empty() && filter != "all" && !std::regex_search(workload.name, std::regex(filter)))
+    const auto filter = QString::fromStdString(benchmark::GetBenchmarkFilter());
+    if (filter != u"all" && !QString::fromUtf8(workload.name).contains(QRegularExpression(filter)))
         return;
     measureSmall(workload);
     if (measuresGrowth && workload.largeSize > 0)

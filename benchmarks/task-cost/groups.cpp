@@ -10,77 +10,88 @@ using namespace zel;
 
 namespace {
 
-/// Children are deleted by their group, or here: not while the clock runs.
-template <typename TaskClass>
-void deleteChildren(std::vector<std::unique_ptr<TaskClass>> &children, GroupTask::CleanupPolicy policy)
-{
-    for (auto &child : children)
-        policy == GroupTask::SelfDelete ? child.reset() : void(child.release());
-    handleEvents();
-}
+using Policy = GroupTask::CleanupPolicy;
 
-/// Children are dealt out to the groups one by one, so that memory is walked in the same order for many small groups as
-/// for a large one.
-template <GroupTask::CleanupPolicy policy, bool reportsProgress = false>
+/// A group and its children, which are deleted by the group or here: by events, so not before they are handled.
+template <typename Group, typename Child>
+class Family {
+public:
+    Family(int64_t size, Policy policy, const auto &...arguments)
+        : m_policy(policy)
+        , m_children(make<Child>(size, arguments...))
+    {
+    }
+    ~Family()
+    {
+        for (auto &child : m_children)
+            m_policy == GroupTask::SelfDelete ? child.reset() : void(child.release());
+        handleEvents();
+    }
+    Q_DISABLE_COPY_MOVE(Family)
+
+    void run(bool reportsProgress, void (*start)(Child &child), void (*end)(Child &child))
+    {
+        for (const auto &child : m_children) {
+            group.append(child.get());
+            start(*child);
+            if (reportsProgress)
+                child->setProgress(1, 2);
+            end(*child);
+        }
+    }
+    const auto &children() const { return m_children; }
+
+    Group group;
+
+private:
+    const Policy m_policy;
+    std::vector<std::unique_ptr<Child>> m_children;
+};
+
+template <Policy policy, bool reportsProgress = false>
 void runGroup(benchmark::State &state)
 {
     for (auto _ : state) {
         state.PauseTiming();
-        auto children = make<Task>(sizeOf(state) * containersOf(state), Task::Asynchronous);
-        auto groups = make<GroupTask>(containersOf(state));
-        for (const auto &group : groups)
-            group->setCleanupPolicy(policy);
+        auto families = make<Family<GroupTask, Task>>(containersOf(state), sizeOf(state), policy, Task::Asynchronous);
+        for (const auto &family : families)
+            family->group.setCleanupPolicy(policy);
         state.ResumeTiming();
-        auto child = children.begin();
-        while (child != children.end()) {
-            for (const auto &group : groups) {
-                Task *task = (child++)->get();
-                group->append(task);
-                task->exec();
-                if (reportsProgress)
-                    task->setProgress(1, 2);
-                task->finish();
-            }
+        for (const auto &family : families) {
+            family->run(
+                reportsProgress, [](Task &task) { task.exec(); }, [](Task &task) { task.finish(); });
         }
         QCoreApplication::sendPostedEvents();
         state.PauseTiming();
-        if (!groups.back()->isFinished())
+        if (!families.back()->group.isFinished())
             state.SkipWithError("the group has not ended");
-        deleteChildren(children, policy);
-        groups.clear();
+        families.clear();
         state.ResumeTiming();
     }
 }
 
-template <GroupTask::CleanupPolicy policy, bool reportsProgress = false>
+template <Policy policy, bool reportsProgress = false>
 void runGroupSkeleton(benchmark::State &state)
 {
     for (auto _ : state) {
         state.PauseTiming();
-        auto children = make<Skeleton>(sizeOf(state));
-        auto group = std::make_unique<SkeletonGroup>();
-        group->deletesChildren = policy == GroupTask::DeleteWhenFinished;
+        auto family = std::make_unique<Family<SkeletonGroup, Skeleton>>(sizeOf(state), policy);
+        family->group.deletesChildren = policy == GroupTask::DeleteWhenFinished;
         state.ResumeTiming();
-        for (const auto &child : children) {
-            group->append(child.get());
-            child->start();
-            if (reportsProgress)
-                child->setProgress(1, 2);
-            child->end();
-        }
+        family->run(
+            reportsProgress, [](Skeleton &task) { task.start(); }, [](Skeleton &task) { task.end(); });
         QCoreApplication::sendPostedEvents();
         if (policy == GroupTask::DeleteWithGroup) {
-            for (const auto &child : children)
+            for (const auto &child : family->children())
                 child->deleteLater();
         }
         state.PauseTiming();
-        deleteChildren(children, policy);
-        group.reset();
+        family.reset();
         state.ResumeTiming();
     }
 }
 
-template <GroupTask::CleanupPolicy policy>
+template <Policy policy>
 Workload cleanup(const char *name)
 {
     return {.name = name,

@@ -11,29 +11,19 @@ using namespace zel;
 
 namespace {
 
-/// Queues and the tasks for them, which are made and destroyed while the clock stands. The tasks are dealt out one by
-/// one, so that memory is walked in the same order for many small queues as for a large one.
-class Queues {
+/// A queue that is idle and its tasks.
+class Queue {
 public:
-    explicit Queues(benchmark::State &state)
-        : m_state(state)
-        , m_queues(make<TasksQueue>(containersOf(state)))
-        , m_tasks(make<Task>(sizeOf(state) * containersOf(state), noWork))
+    explicit Queue(int64_t size) : m_tasks(make<Task>(size, noWork))
     {
-        for (const auto &queue : m_queues) {
-            queue->setMaxRunningTasksCount(1);
-            QObject::connect(queue.get(), &TasksQueue::stateChanged, &m_loop, [this](TasksQueue::State reached) {
-                if (reached == TasksQueue::Idle && ++m_idleCount == m_queues.size())
-                    m_loop.quit();
-            });
-        }
+        m_queue.setMaxRunningTasksCount(1);
+        QObject::connect(&m_queue, &TasksQueue::stateChanged, &m_loop, [this](TasksQueue::State reached) {
+            if (reached == TasksQueue::Idle)
+                m_loop.quit();
+        });
     }
 
-    void pause()
-    {
-        for (const auto &queue : m_queues)
-            queue->pause();
-    }
+    void pause() { m_queue.pause(); }
     void setPriorities(int first, int count)
     {
         int number = 0;
@@ -42,35 +32,22 @@ public:
     }
     void append()
     {
-        auto task = m_tasks.begin();
-        while (task != m_tasks.end()) {
-            for (const auto &queue : m_queues)
-                queue->append((task++)->get());
-        }
+        for (const auto &task : m_tasks)
+            m_queue.append(task.get());
     }
-    void resume()
-    {
-        for (const auto &queue : m_queues)
-            queue->resume();
-    }
-    void runToIdle()
-    {
-        m_loop.exec();
-        if (!m_tasks.back()->isSuccessful())
-            m_state.SkipWithError("not all tasks were run");
-    }
+    void resume() { m_queue.resume(); }
+    void runToIdle() { m_loop.exec(); }
 
 private:
-    benchmark::State &m_state;
     QEventLoop m_loop;
-    size_t m_idleCount = 0;
-    std::vector<std::unique_ptr<TasksQueue>> m_queues;
+    TasksQueue m_queue;
     std::vector<std::unique_ptr<Task>> m_tasks;
 };
 
-class SkeletonQueues {
+/// The same without logic: it starts when it is told to.
+class BareQueue {
 public:
-    explicit SkeletonQueues(benchmark::State &state) : m_tasks(make<Skeleton>(sizeOf(state)))
+    explicit BareQueue(int64_t size) : m_tasks(make<Skeleton>(size))
     {
         QObject::connect(&m_queue, &SkeletonQueue::idle, &m_loop, &QEventLoop::quit);
     }
@@ -96,87 +73,86 @@ private:
     std::vector<std::unique_ptr<Skeleton>> m_tasks;
 };
 
-constexpr int priorities = 11;
-
-/// Times one step on what another one has prepared.
+/// Times one step on what another one has prepared, each for all queues before the next one.
 template <typename Made>
-void time(benchmark::State &state, void (*prepare)(Made &queues), void (*step)(Made &queues))
+void time(benchmark::State &state, void (*prepare)(Made &queue), void (*step)(Made &queue))
 {
     for (auto _ : state) {
         state.PauseTiming();
-        {
-            Made queues(state);
-            prepare(queues);
-            state.ResumeTiming();
-            step(queues);
-            state.PauseTiming();
-        }
+        auto queues = make<Made>(containersOf(state), sizeOf(state));
+        for (const auto &queue : queues)
+            prepare(*queue);
+        state.ResumeTiming();
+        for (const auto &queue : queues)
+            step(*queue);
+        state.PauseTiming();
+        queues.clear();
         state.ResumeTiming();
     }
 }
 
-void runQueue(benchmark::State &state)
+template <typename Made>
+void doNothing(Made &)
 {
-    time<Queues>(
-        state, [](Queues &) {},
-        [](Queues &queues) {
-            queues.append();
-            queues.runToIdle();
-        });
 }
 
-void runQueueSkeleton(benchmark::State &state)
+template <typename Made>
+void pauseAndSetPriorities(Made &queue)
 {
-    time<SkeletonQueues>(
-        state, [](SkeletonQueues &) {},
-        [](SkeletonQueues &queues) {
-            queues.append();
-            queues.resume();
-            queues.runToIdle();
-        });
+    constexpr int priorities = 11;
+    queue.pause();
+    queue.setPriorities(0, priorities);
+}
+
+template <typename Made>
+void fillBacklog(Made &queue)
+{
+    pauseAndSetPriorities(queue);
+    queue.append();
+}
+
+void runQueue(benchmark::State &state)
+{
+    time<Queue>(state, doNothing, [](Queue &queue) {
+        queue.append();
+        queue.runToIdle();
+    });
+}
+
+void runBareQueue(benchmark::State &state)
+{
+    time<BareQueue>(state, doNothing, [](BareQueue &queue) {
+        queue.append();
+        queue.resume();
+        queue.runToIdle();
+    });
 }
 
 template <typename Made>
 void enqueue(benchmark::State &state)
 {
-    time<Made>(
-        state,
-        [](Made &queues) {
-            queues.pause();
-            queues.setPriorities(0, priorities);
-        },
-        [](Made &queues) { queues.append(); });
-}
-
-template <typename Made>
-void enqueueAll(Made &queues)
-{
-    queues.pause();
-    queues.setPriorities(0, priorities);
-    queues.append();
+    time<Made>(state, pauseAndSetPriorities, [](Made &queue) { queue.append(); });
 }
 
 template <typename Made>
 void drain(benchmark::State &state)
 {
-    time<Made>(state, enqueueAll<Made>, [](Made &queues) {
-        queues.resume();
-        queues.runToIdle();
+    time<Made>(state, fillBacklog, [](Made &queue) {
+        queue.resume();
+        queue.runToIdle();
     });
 }
 
 void changePriorities(benchmark::State &state)
 {
-    time<Queues>(
-        state,
-        [](Queues &queues) {
-            queues.pause();
-            queues.append();
-        },
-        [](Queues &queues) {
-            queues.setPriorities(2, 8);
-            QCoreApplication::sendPostedEvents();
-        });
+    const auto pauseAndAppend = [](Queue &queue) {
+        queue.pause();
+        queue.append();
+    };
+    time<Queue>(state, pauseAndAppend, [](Queue &queue) {
+        queue.setPriorities(2, 8);
+        QCoreApplication::sendPostedEvents();
+    });
 }
 
 constexpr int small = 1'000;
@@ -189,21 +165,21 @@ std::vector<Workload> queueWorkloads()
     return {
         {.name = "queue, append to idle",
          .ours = runQueue,
-         .baseline = runQueueSkeleton,
+         .baseline = runBareQueue,
          .size = small,
          .ratioGoal = 1.15,
          .largeSize = large,
          .growthGoal = 1.3},
         {.name = "backlog, enqueue",
-         .ours = enqueue<Queues>,
-         .baseline = enqueue<SkeletonQueues>,
+         .ours = enqueue<Queue>,
+         .baseline = enqueue<BareQueue>,
          .size = small,
          .ratioGoal = 1.5,
          .largeSize = large,
          .growthGoal = 1.5},
         {.name = "backlog, drain",
-         .ours = drain<Queues>,
-         .baseline = drain<SkeletonQueues>,
+         .ours = drain<Queue>,
+         .baseline = drain<BareQueue>,
          .size = small,
          .ratioGoal = 1.15,
          .largeSize = large,

@@ -132,8 +132,12 @@ void ZelTaskWaitForFinishedOperation::Record::onDestroyed(const zel::BaseTask *a
         thread = m_awaitingThread;
     auto *courier = new QObject;
     courier->moveToThread(thread);
-    postResume(courier, 1);
-    courier->deleteLater();
+    const auto deliver = [courier, weak = weak_from_this()] {
+        courier->deleteLater();
+        if (const auto record = weak.lock())
+            record->resume();
+    };
+    QMetaObject::invokeMethod(courier, deliver, Qt::QueuedConnection);
 }
 
 void ZelTaskWaitForFinishedOperation::Record::postResume(QObject *context, int turns)
