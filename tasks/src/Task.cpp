@@ -165,6 +165,7 @@ void Task::Private::onThreadFinished(quint64 ticket, quint64 startedRun)
 {
     if (gate->lastTicket() != ticket)
         return;
+    hasThreadReported = true;
     if (gate->isAdmitted(ticket) && run() == startedRun)
         q->finish(workingThread->result().value_or(Error()));
     else
@@ -426,6 +427,7 @@ void Task::finalize()
 void Task::createWorkingThread(std::function<Error()> function)
 {
     deleteWorkingThread();
+    d->hasThreadReported = false;
     d->workingThread = new ResultFunctionThread<Error>(std::move(function));
     // exec() may have been called on another thread, perhaps one that has no event loop.
     d->workingThread->moveToThread(thread());
@@ -472,8 +474,8 @@ void Task::deleteWorkingThread()
         freeWhenEnded(thread);
         return;
     }
-    // It may still be telling that it has finished.
-    if (!isOwnThread)
+    // Until the task has heard of it, it may still be telling that it has finished.
+    if (!isOwnThread && !d->hasThreadReported)
         thread->wait(deadlineAfter(d->threadWaitTime));
     thread->deleteLater();
 }

@@ -60,6 +60,7 @@ public:
     ExecutionMode executionMode;
     /// The thread of the present run; let go of by deleteWorkingThread().
     QPointer<ResultFunctionThread<Error>> workingThread;
+    bool hasThreadReported = false; ///< its finished() has arrived
     // Read by queues in other threads.
     std::atomic<bool> triggersNext{true};
     std::atomic<int> priority{1};
