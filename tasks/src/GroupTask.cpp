@@ -86,10 +86,12 @@ void TaskLink::close()
 void GroupTask::Private::onChildStarted(const Child &child, quint64 run, quint64 use)
 {
     const GroupLocker locker(mutex);
+    if (!child->isListed)
+        return;
     child->hasShare = true;
     setUnstarted(child, false);
     // Unless it was stopped meanwhile.
-    if (child->isListed && run > child->handledRun) {
+    if (run > child->handledRun) {
         child->isLeftOver = false;
         setPending(child, true);
     }
@@ -295,39 +297,42 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
     setUnstarted(child, task->isIdle() || task->isPaused());
     // Start and end are taken note of where they happen, and handled where the connection type says: the error and
     // the run are those of the moment, and the child may be gone by the time of the handling.
-    const auto onStarted = [this, toGroup = link, child, task, type = connectionType] {
-        const quint64 run = runOf(task);
-        // Unless an earlier handler of started() has ended it, which is reported already.
-        if (child->reportedRun < run)
-            child->begunRun = run;
-        toGroup->deliver([this, child, run, use = toGroup->use.load()] { onChildStarted(child, run, use); }, type);
-    };
-    const auto onFinished = [this, toGroup = link, child, task, type = connectionType] {
-        reportEnd(toGroup, child, task, type);
-    };
+    child->link = link;
+    child->connectionType = connectionType;
     child->connections = {
-        connect(task, &BaseTask::started, q, onStarted, Qt::DirectConnection),
-        connect(task, &BaseTask::finished, q, onFinished, Qt::DirectConnection),
+        connect(
+            task, &BaseTask::started, q, [this, child, task] { reportStart(this, child, task); }, Qt::DirectConnection),
+        connect(
+            task, &BaseTask::finished, q, [this, child, task] { reportEnd(this, child, task); }, Qt::DirectConnection),
         connect(
             task, &BaseTask::progress, q, [this, child](int value, int total) { onChildProgress(child, value, total); },
             connectionType),
     };
     // It came finished, or has finished on another thread before the connections were there.
     if (task->isFinished())
-        reportEnd(link, child, task, connectionType);
+        reportEnd(this, child, task);
+}
+
+void GroupTask::Private::reportStart(Private *group, const Child &child, const BaseTask *task)
+{
+    const quint64 run = runOf(task);
+    // Unless an earlier handler of started() has ended it, which is reported already.
+    if (child->reportedRun < run)
+        child->begunRun = run;
+    auto handle = [group, child, run, use = child->link->use.load()] { group->onChildStarted(child, run, use); };
+    child->link->deliver(std::move(handle), child->connectionType);
 }
 
 // Once per run of the child, on the thread that ends it. Not where an earlier handler of finished() began another run.
-void GroupTask::Private::reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const BaseTask *task,
-                                   Qt::ConnectionType type)
+void GroupTask::Private::reportEnd(Private *group, const Child &child, const BaseTask *task)
 {
     const quint64 run = runOf(task);
     if (!task->isFinished() || child->reportedRun.exchange(run) == run)
         return;
-    const auto handle = [this, child, run, use = toGroup->use.load(), error = task->error()] {
-        onChildFinished(child, run, use, error);
+    auto handle = [group, child, run, use = child->link->use.load(), error = task->error()] {
+        group->onChildFinished(child, run, use, error);
     };
-    toGroup->deliver(handle, type);
+    child->link->deliver(std::move(handle), child->connectionType);
 }
 
 void GroupTask::Private::checkFinished()
@@ -387,8 +392,6 @@ void GroupTask::Private::unlist(const Child &child)
     setPending(held, false);
     setUnstarted(held, false);
     children.erase(held->listed);
-    for (const QMetaObject::Connection &connection : std::exchange(held->connections, {}))
-        QObject::disconnect(connection);
     if (!held->node)
         return;
     const QMutexLocker locker(&nodesMutex);
@@ -396,11 +399,20 @@ void GroupTask::Private::unlist(const Child &child)
         std::erase_if(contained->containers, [this](const auto &container) { return container.lock() == node; });
 }
 
+void GroupTask::Private::disconnectChild(const Child &child)
+{
+    for (const QMetaObject::Connection &connection : std::exchange(child->connections, {}))
+        QObject::disconnect(connection);
+}
+
 void GroupTask::Private::unlistAndDelete(const Child &child)
 {
     const Child held = child;
     unlist(held);
     const TaskHold hold(*held->ref);
+    // One of this thread takes its connections with it; what arrives until then finds that it is not listed.
+    if (!hold.task() || hold.task()->thread() != QThread::currentThread())
+        disconnectChild(held);
     if (hold.task())
         hold.task()->deleteLater();
 }
@@ -541,8 +553,11 @@ GroupTask::~GroupTask()
     const GroupLocker locker(d->mutex);
     d->cleanup();
     // Connections that are at work on other threads find nothing to do.
-    while (!d->children.empty())
-        d->unlist(d->children.front());
+    while (!d->children.empty()) {
+        const Private::Child child = d->children.front();
+        d->unlist(child);
+        Private::disconnectChild(child);
+    }
 }
 
 void GroupTask::append(BaseTask *task)

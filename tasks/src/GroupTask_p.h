@@ -28,38 +28,6 @@ struct GroupNode {
     std::weak_ptr<GroupNode> successor;
 };
 
-/**
- * One stay of a task in a group's list. Shared with what is connected and posted for it: a task that is appended again
- * begins another one. Guarded by the group's lock but for the atomic members.
- */
-struct GroupChild {
-    using List = std::list<std::shared_ptr<GroupChild>>;
-
-    std::shared_ptr<TaskRef> ref;
-    std::shared_ptr<GroupNode> node; ///< that of its group, when it is a group or has one
-    List::iterator listed;           ///< place in the list of children, while isListed
-    List::iterator pending;          ///< place in the list of pending ones, while not isFinished
-    bool isListed = true;
-    bool isFinished = false;  ///< its end was handled, or it was stopped quietly
-    bool isUnstarted = false; ///< stands in the list of those that have not started
-    bool isLeftOver = false;  ///< from before the group's fresh start, which does not wait for it
-    List::iterator unstarted;
-    bool hasShare = false; ///< its progress counts: not that of one that came finished and has not started again
-    quint32 value = 0;     ///< its share of the sums
-    quint32 total = 0;
-    std::array<QMetaObject::Connection, 3> connections;
-    // Numbers of the child's runs; that of a run that has ended is larger than what it was when it began.
-    quint64 handledRun = 0; ///< whose end was handled
-    /// The last that is known to have begun, or to be awaited: earlier ends are of no interest.
-    std::atomic<quint64> begunRun{0};
-    /// Whose end was taken note of, on the child's thread.
-    std::atomic<quint64> reportedRun{0};
-
-    BaseTask *task() const { return ref->get(); }
-    /// Destroyed, and no end of it is on its way to the group.
-    bool isGone() const { return !task() && reportedRun <= handledRun; }
-};
-
 /// How tasks in other threads reach the object that follows them, and find that it is gone.
 class TaskLink {
 public:
@@ -102,6 +70,41 @@ struct GroupLink : TaskLink {
     std::atomic<quint64> use{0};
 };
 
+/**
+ * One stay of a task in a group's list. Shared with what is connected and posted for it: a task that is appended again
+ * begins another one. Guarded by the group's lock but for the atomic members.
+ */
+struct GroupChild {
+    using List = std::list<std::shared_ptr<GroupChild>>;
+
+    std::shared_ptr<TaskRef> ref;
+    std::shared_ptr<GroupNode> node; ///< that of its group, when it is a group or has one
+    List::iterator listed;           ///< place in the list of children, while isListed
+    List::iterator pending;          ///< place in the list of pending ones, while not isFinished
+    bool isListed = true;
+    bool isFinished = false;  ///< its end was handled, or it was stopped quietly
+    bool isUnstarted = false; ///< stands in the list of those that have not started
+    bool isLeftOver = false;  ///< from before the group's fresh start, which does not wait for it
+    List::iterator unstarted;
+    bool hasShare = false; ///< its progress counts: not that of one that came finished and has not started again
+    quint32 value = 0;     ///< its share of the sums
+    quint32 total = 0;
+    // What its connections use, without the lock: set before they are made.
+    std::shared_ptr<GroupLink> link;
+    Qt::ConnectionType connectionType = Qt::AutoConnection;
+    std::array<QMetaObject::Connection, 3> connections;
+    // Numbers of the child's runs; that of a run that has ended is larger than what it was when it began.
+    quint64 handledRun = 0; ///< whose end was handled
+    /// The last that is known to have begun, or to be awaited: earlier ends are of no interest.
+    std::atomic<quint64> begunRun{0};
+    /// Whose end was taken note of, on the child's thread.
+    std::atomic<quint64> reportedRun{0};
+
+    BaseTask *task() const { return ref->get(); }
+    /// Destroyed, and no end of it is on its way to the group.
+    bool isGone() const { return !task() && reportedRun <= handledRun; }
+};
+
 class Q_DECL_HIDDEN GroupTask::Private {
 public:
     using Child = std::shared_ptr<GroupChild>;
@@ -132,14 +135,16 @@ public:
     void awaitAgain(const Child &child);
     void addShare(const Child &child, const BaseTask *task);
     void connectChild(const Child &child, BaseTask *task);
-    void reportEnd(const std::shared_ptr<GroupLink> &toGroup, const Child &child, const BaseTask *task,
-                   Qt::ConnectionType type);
+    /// On the thread that starts or ends the child, without the lock, and when the group may be gone.
+    static void reportStart(Private *group, const Child &child, const BaseTask *task);
+    static void reportEnd(Private *group, const Child &child, const BaseTask *task);
     void checkFinished();
     bool isAnyStartedAgain() const;
     void cleanup();
     void setPending(const Child &child, bool isPending);
     void setUnstarted(const Child &child, bool isUnstarted);
     void unlist(const Child &child);
+    static void disconnectChild(const Child &child);
     void unlistAndDelete(const Child &child);
     void cancelUnfinishedChildren();
     void cancelIdleChildren();
