@@ -8,6 +8,7 @@
 #include <zel/tasks/TasksQueue.h>
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QLibraryInfo>
 #include <QLocale>
 #include <QPointer>
@@ -208,10 +209,11 @@ void deleteItself()
 {
     auto *task = new Task([] { return compute(1); }, Task::WorkingThread);
     task->setDeleteOnFinished(true);
-    const QPointer<Task> guarded(task);
     task->exec();
-    while (guarded)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+
+    QEventLoop loop;
+    QObject::connect(task, &QObject::destroyed, &loop, &QEventLoop::quit);
+    loop.exec();
     print(u"gone"_s);
 }
 

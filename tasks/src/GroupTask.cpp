@@ -181,8 +181,8 @@ quint64 GroupTask::Private::runOf(const BaseTask *task)
 bool GroupTask::Private::lists(const BaseTask *task) const
 {
     const GroupLocker locker(mutex);
-    const Child child = stays.value(task);
-    return child && child->isListed && child->task() == task;
+    const auto stay = stays.constFind(task);
+    return stay != stays.cend() && (*stay)->isListed && (*stay)->task() == task;
 }
 
 bool GroupTask::Private::hasAdmitted(quint64 earlier) const
@@ -193,7 +193,10 @@ bool GroupTask::Private::hasAdmitted(quint64 earlier) const
 
 void GroupTask::Private::appendTask(BaseTask *task)
 {
-    if (!task || refuses(task))
+    if (!task)
+        return;
+    const GroupTask *group = groupOf(task);
+    if (refuses(task, group))
         return;
     if (lists(task)) {
         const Child child = stays.value(task);
@@ -214,15 +217,15 @@ void GroupTask::Private::appendTask(BaseTask *task)
     ++admissions;
     const auto child = std::make_shared<GroupChild>();
     child->ref = BaseTask::Private::of(task)->ref();
-    child->listed = children.insert(children.end(), child);
-    child->pending = pending.insert(pending.end(), child);
+    children.append(child);
+    pending.append(child);
     const Child earlier = std::exchange(stays[task], child);
     // Its share is counted already, and replaced; that of another task which had the address stays in the sums.
     if (earlier && earlier->ref == child->ref) {
         child->value = earlier->value;
         child->total = earlier->total;
     }
-    if (const GroupTask *group = groupOf(task)) {
+    if (group) {
         child->node = of(group)->node;
         const QMutexLocker locker(&nodesMutex);
         child->node->containers.push_back(node);
@@ -271,9 +274,8 @@ void GroupTask::Private::handOverContainers(GroupTask *successor)
     node->successor = of(successor)->node;
 }
 
-bool GroupTask::Private::refuses(BaseTask *task) const
+bool GroupTask::Private::refuses(const BaseTask *task, const GroupTask *group) const
 {
-    const GroupTask *group = groupOf(task);
     if (!group || !isWithin(group))
         return false;
     qCWarning(tasksLog) << "Task" << task->name() << "cannot be a child of group" << q->name()
@@ -339,9 +341,9 @@ void GroupTask::Private::checkFinished()
 {
     if (waitMode == NoWait)
         return;
-    while (!pending.empty() && pending.front()->isGone())
-        setPending(pending.front(), false);
-    if (!pending.empty() || isAnyStartedAgain())
+    while (!pending.isEmpty() && pending.first()->isGone())
+        setPending(pending.first(), false);
+    if (!pending.isEmpty() || isAnyStartedAgain())
         return;
     cleanup();
     q->finish(Error(NoError));
@@ -350,7 +352,7 @@ void GroupTask::Private::checkFinished()
 // What tells the group of it is on its way.
 bool GroupTask::Private::isAnyStartedAgain() const
 {
-    return std::any_of(children.cbegin(), children.cend(),
+    return std::any_of(children.begin(), children.end(),
                        [](const Child &child) { return child->begunRun > child->handledRun && !child->isGone(); });
 }
 
@@ -358,8 +360,8 @@ void GroupTask::Private::cleanup()
 {
     if (cleanupPolicy != DeleteWithGroup)
         return;
-    while (!children.empty())
-        unlistAndDelete(children.front());
+    while (!children.isEmpty())
+        unlistAndDelete(children.first());
 }
 
 void GroupTask::Private::setPending(const Child &child, bool isPending)
@@ -368,9 +370,9 @@ void GroupTask::Private::setPending(const Child &child, bool isPending)
         return;
     child->isFinished = !isPending;
     if (isPending)
-        child->pending = pending.insert(pending.end(), child);
+        pending.append(child);
     else
-        pending.erase(child->pending);
+        pending.remove(child);
 }
 
 void GroupTask::Private::setUnstarted(const Child &child, bool isUnstarted)
@@ -379,9 +381,9 @@ void GroupTask::Private::setUnstarted(const Child &child, bool isUnstarted)
         return;
     child->isUnstarted = isUnstarted;
     if (isUnstarted)
-        child->unstarted = unstarted.insert(unstarted.end(), child);
+        unstarted.append(child);
     else
-        unstarted.erase(child->unstarted);
+        unstarted.remove(child);
 }
 
 void GroupTask::Private::unlist(const Child &child)
@@ -391,7 +393,7 @@ void GroupTask::Private::unlist(const Child &child)
     const Child held = child;
     setPending(held, false);
     setUnstarted(held, false);
-    children.erase(held->listed);
+    children.remove(held);
     if (!held->node)
         return;
     const QMutexLocker locker(&nodesMutex);
@@ -419,7 +421,7 @@ void GroupTask::Private::unlistAndDelete(const Child &child)
 
 void GroupTask::Private::cancelUnfinishedChildren()
 {
-    stop({children.cbegin(), children.cend()}, cancelSubtasksMode);
+    stop({children.begin(), children.end()}, cancelSubtasksMode);
 }
 
 // Looks only at children that have not been seen to start; at all of them when it may be that one was set idle by hand.
@@ -430,7 +432,7 @@ void GroupTask::Private::cancelIdleChildren()
             setUnstarted(child, true);
     }
     QList<Child> idle;
-    for (auto next = unstarted.cbegin(); next != unstarted.cend();) {
+    for (auto next = unstarted.begin(); next != unstarted.end();) {
         const Child child = *next++;
         const TaskHold hold(*child->ref);
         if (hold.task() && hold.task()->isIdle())
@@ -504,7 +506,7 @@ void GroupTask::Private::stopQuietly(BaseTask *task)
     const QPointer<BaseTask> guarded(task);
     if (const GroupTask *group = groupOf(task)) {
         const GroupLocker locker(of(group)->mutex);
-        of(group)->stop({of(group)->children.cbegin(), of(group)->children.cend()}, FinishSubtasks);
+        of(group)->stop({of(group)->children.begin(), of(group)->children.end()}, FinishSubtasks);
     }
     if (guarded)
         guarded->finalize();
@@ -553,8 +555,8 @@ GroupTask::~GroupTask()
     const GroupLocker locker(d->mutex);
     d->cleanup();
     // Connections that are at work on other threads find nothing to do.
-    while (!d->children.empty()) {
-        const Private::Child child = d->children.front();
+    while (!d->children.isEmpty()) {
+        const Private::Child child = d->children.first();
         d->unlist(child);
         Private::disconnectChild(child);
     }
@@ -619,7 +621,7 @@ QList<Task *> GroupTask::executableSubtasks(bool recursive) const
 int GroupTask::pendingChildrenCount() const
 {
     const GroupLocker locker(d->mutex);
-    return int(std::count_if(d->children.cbegin(), d->children.cend(), [](const Private::Child &child) {
+    return int(std::count_if(d->children.begin(), d->children.end(), [](const Private::Child &child) {
         const TaskHold hold(*child->ref);
         return hold.task() && !hold.task()->isFinished();
     }));
@@ -627,7 +629,7 @@ int GroupTask::pendingChildrenCount() const
 
 bool GroupTask::isEmpty() const
 {
-    return d->children.empty();
+    return d->children.isEmpty();
 }
 
 GroupTask::WaitMode GroupTask::waitMode() const

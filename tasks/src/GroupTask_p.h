@@ -13,7 +13,7 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <list>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -35,7 +35,7 @@ public:
 
     /// Calls, or posts to the receiver's thread, by the type of a connection.
     template <typename Call>
-    void deliver(Call call, Qt::ConnectionType type);
+    void deliver(Call &&call, Qt::ConnectionType type);
     /// Nothing arrives any more. Called when the receiver's destructor begins.
     void close();
 
@@ -45,7 +45,7 @@ private:
 };
 
 template <typename Call>
-void TaskLink::deliver(Call call, Qt::ConnectionType type)
+void TaskLink::deliver(Call &&call, Qt::ConnectionType type)
 {
     QMutexLocker locker(&m_mutex);
     QObject *receiver = m_receiver;
@@ -60,7 +60,7 @@ void TaskLink::deliver(Call call, Qt::ConnectionType type)
         call();
         return;
     }
-    QMetaObject::invokeMethod(receiver, std::move(call), type);
+    QMetaObject::invokeMethod(receiver, std::forward<Call>(call), type);
 }
 
 struct GroupLink : TaskLink {
@@ -75,17 +75,21 @@ struct GroupLink : TaskLink {
  * begins another one. Guarded by the group's lock but for the atomic members.
  */
 struct GroupChild {
-    using List = std::list<std::shared_ptr<GroupChild>>;
+    /// Where it stands in a list.
+    struct Link {
+        std::shared_ptr<GroupChild> next;
+        GroupChild *previous = nullptr;
+    };
 
     std::shared_ptr<TaskRef> ref;
     std::shared_ptr<GroupNode> node; ///< that of its group, when it is a group or has one
-    List::iterator listed;           ///< place in the list of children, while isListed
-    List::iterator pending;          ///< place in the list of pending ones, while not isFinished
+    Link amongChildren;              ///< while isListed
+    Link amongPending;               ///< while not isFinished
+    Link amongUnstarted;             ///< while isUnstarted
     bool isListed = true;
     bool isFinished = false;  ///< its end was handled, or it was stopped quietly
     bool isUnstarted = false; ///< stands in the list of those that have not started
     bool isLeftOver = false;  ///< from before the group's fresh start, which does not wait for it
-    List::iterator unstarted;
     bool hasShare = false; ///< its progress counts: not that of one that came finished and has not started again
     quint32 value = 0;     ///< its share of the sums
     quint32 total = 0;
@@ -103,6 +107,72 @@ struct GroupChild {
     BaseTask *task() const { return ref->get(); }
     /// Destroyed, and no end of it is on its way to the group.
     bool isGone() const { return !task() && reportedRun <= handledRun; }
+};
+
+/// A list that takes no room but in the children, and keeps them alive. While it is walked, children that were passed
+/// may leave.
+template <GroupChild::Link GroupChild::*link>
+class GroupChildList {
+public:
+    using Child = std::shared_ptr<GroupChild>;
+
+    class Iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = Child;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const Child *;
+        using reference = const Child &;
+
+        Iterator(const GroupChildList *list, GroupChild *child) : m_list(list), m_child(child) { }
+        reference operator*() const { return placeOf(*m_list, m_child); }
+        Iterator &operator++()
+        {
+            m_child = (m_child->*link).next.get();
+            return *this;
+        }
+        Iterator operator++(int)
+        {
+            const Iterator passed = *this;
+            ++*this;
+            return passed;
+        }
+        bool operator==(const Iterator &other) const = default;
+
+    private:
+        const GroupChildList *m_list;
+        GroupChild *m_child;
+    };
+
+    Iterator begin() const { return Iterator(this, m_first.get()); }
+    Iterator end() const { return Iterator(this, nullptr); }
+    bool isEmpty() const { return !m_first; }
+    const Child &first() const { return m_first; }
+
+    void append(const Child &child)
+    {
+        (child.get()->*link).previous = m_last;
+        (m_last ? (m_last->*link).next : m_first) = child;
+        m_last = child.get();
+    }
+
+    void remove(const Child &child)
+    {
+        GroupChild::Link &left = child.get()->*link;
+        Child &place = placeOf(*this, child.get());
+        const Child held = std::exchange(place, std::move(left.next));
+        (place ? (place.get()->*link).previous : m_last) = std::exchange(left.previous, nullptr);
+    }
+
+private:
+    static auto &placeOf(auto &list, const GroupChild *child)
+    {
+        GroupChild *previous = (child->*link).previous;
+        return previous ? (previous->*link).next : list.m_first;
+    }
+
+    Child m_first;
+    GroupChild *m_last = nullptr;
 };
 
 class Q_DECL_HIDDEN GroupTask::Private {
@@ -131,7 +201,7 @@ public:
 
     // These are called with the lock held.
     void appendTask(BaseTask *task);
-    bool refuses(BaseTask *task) const;
+    bool refuses(const BaseTask *task, const GroupTask *group) const;
     void awaitAgain(const Child &child);
     void addShare(const Child &child, const BaseTask *task);
     void connectChild(const Child &child, BaseTask *task);
@@ -162,11 +232,11 @@ public:
     const std::shared_ptr<GroupLink> link;
     const std::shared_ptr<GroupNode> node = std::make_shared<GroupNode>();
 
-    GroupChild::List children;
+    GroupChildList<&GroupChild::amongChildren> children;
     /// Children whose end was not handled. Destroyed ones are dropped when the group looks whether it is done.
-    GroupChild::List pending;
+    GroupChildList<&GroupChild::amongPending> pending;
     /// Children that were idle when they were appended and have not been seen to start.
-    GroupChild::List unstarted;
+    GroupChildList<&GroupChild::amongUnstarted> unstarted;
     /// How many tasks had been set idle when the unstarted ones were looked at.
     quint64 knownResets = 0;
     /// The last stay of every task that was ever listed, by its address; another task may have that address now.

@@ -219,14 +219,19 @@ Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, p
 
 Task::~Task()
 {
-    if (const auto lock = d->queueLock())
-        TasksQueue::Private::onTaskDestroyed(lock, this);
-    Q_EMIT aboutToDestroy();
+    const auto leaveQueue = [this] {
+        const auto lock = d->queueLock();
+        if (lock)
+            TasksQueue::Private::onTaskDestroyed(lock, this);
+        return bool(lock);
+    };
     BaseTask::Private::of(this)->clearRef();
+    leaveQueue();
     TaskUse::waitForOthers(this);
+    Q_EMIT aboutToDestroy();
     // A handler, or another thread, may have appended it again.
-    if (const auto lock = d->queueLock())
-        TasksQueue::Private::onTaskDestroyed(lock, this);
+    if (leaveQueue())
+        TaskUse::waitForOthers(this);
     stopWorkingThread();
     // What the work captured is destroyed next, and may complete its coroutine.
     ++BaseTask::Private::of(this)->run;

@@ -140,10 +140,13 @@ TasksQueue::Private::Decision TasksQueue::Private::decide()
 bool TasksQueue::Private::startPending()
 {
     const std::shared_ptr<TasksQueueLock> sharedLock = lock;
-    for (;;) {
+    Entry *entry = nullptr;
+    for (quint64 stay = 0;;) {
         TasksQueueLocker locker(sharedLock);
         if (!sharedLock->queue)
             return false;
+        if (entry && entry->stay == stay)
+            entry->startingThread = nullptr;
         if (countedRunning >= maxRunning || state != Working)
             return true;
         if (!q->isEmpty() && leavesStartToOthers())
@@ -157,9 +160,11 @@ bool TasksQueue::Private::startPending()
             forget(entryOf(task));
             continue;
         }
-        Entry *entry = setRunning(task);
+        entry = setRunning(task);
         if (!entry)
             continue;
+        stay = entry->stay;
+        entry->startingThread = QThread::currentThreadId();
         const DispatchFrame frame(sharedLock.get(), entry);
         static_cast<void>(locker.unlock());
         try {
@@ -167,7 +172,7 @@ bool TasksQueue::Private::startPending()
         } catch (...) {
             const TasksQueueLocker afterThrow(sharedLock);
             if (sharedLock->queue)
-                abandonStart(entry, frame.stay);
+                abandonStart(entry, stay);
             throw;
         }
     }
@@ -179,15 +184,19 @@ bool TasksQueue::Private::becomeIdleAfterPass()
     return !q->hasRunningTasks() && state == Working && changeState(Idle);
 }
 
-void TasksQueue::Private::takeFromOtherQueue(Task *task)
+bool TasksQueue::Private::takeFromOtherQueue(Task *task)
 {
     const std::shared_ptr<TasksQueueLock> other = task->d->queueLock();
-    if (!other || other == lock || task->priority() < 0 || task->priority() > q->maxPriority())
-        return;
+    if (!other)
+        return true;
     // The dispatch of the other queue is posted: none of its tasks is started in here.
     const TasksQueueLocker locker(other);
-    if (other->queue)
+    const Entry *entry = task->d->queueEntry(other.get());
+    if (entry && entry->isBeingStartedElsewhere())
+        return false;
+    if (other != lock && other->queue && task->priority() >= 0 && task->priority() <= q->maxPriority())
         other->queue->removeTask(task);
+    return true;
 }
 
 void TasksQueue::Private::dispatch(int passes)
@@ -321,6 +330,7 @@ void TasksQueue::Private::forget(Entry *entry)
     entry->task->d->releaseQueueEntry(lock.get());
     move(entry, Entry::Unused, unused, unused.begin());
     entry->task = nullptr;
+    entry->startingThread = nullptr;
     entry->stay = 0;
 }
 
@@ -835,7 +845,7 @@ void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
         return;
     }
     const Private::Entry *entry = d->entryOf(task);
-    if (entry && entry->place == Private::Entry::Leaving)
+    if (entry && (entry->place == Private::Entry::Leaving || entry->isBeingStartedElsewhere()))
         return;
     const int priority = task->priority();
     if (priority < 0 || priority > d->maxPriority) {
@@ -857,7 +867,8 @@ Task *TasksQueue::dequeueTask()
 
 void TasksQueue::addTask(Task *task, EnqueueMode mode)
 {
-    d->takeFromOtherQueue(task);
+    if (!d->takeFromOtherQueue(task))
+        return;
     task->setQueue(this);
     enqueueTask(task, mode);
 }
@@ -878,10 +889,11 @@ void TasksQueue::onTaskFinished(Task *task)
         return;
     }
     const bool triggersNext = task->triggersNext();
-    removeTask(task);
-    disconnectTask(task);
+    // While the queue holds the task: its own thread may be destroying it, and waits for the lock then.
     if (d->cleanupMode == DeleteFinished)
         task->deleteLater();
+    removeTask(task);
+    disconnectTask(task);
     if (triggersNext)
         tryExec();
 }

@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QThread>
 
 #include <atomic>
 #include <list>
@@ -80,6 +81,7 @@ struct TasksQueueEntry {
         Leaving,  ///< being cleared, no longer the queue's; its end is nobody's business here
     };
 
+    bool isBeingStartedElsewhere() const { return startingThread && startingThread != QThread::currentThreadId(); }
     bool isPending() const { return place == Ready || place == Parked || place == Returned; }
     /// What is pending goes by its turn, smaller ones first.
     std::pair<int, qint64> turn() const { return {priority, order}; }
@@ -92,6 +94,8 @@ struct TasksQueueEntry {
     Place place = Unused;
     int clearing = 0;       ///< which of the calls of clear() on the stack took it
     bool isCounted = false; ///< counted among the running ones
+    /// The thread that is inside exec() of the task, which may not look like it yet.
+    Qt::HANDLE startingThread = nullptr;
     /// Whether the queue hears of the task's end, its priority and its destruction, the former two by this type.
     bool isFollowed = false;
     Qt::ConnectionType connectionType = Qt::AutoConnection;
@@ -125,7 +129,8 @@ public:
     Decision decide();
     bool startPending();
     bool becomeIdleAfterPass();
-    void takeFromOtherQueue(Task *task);
+    /// Returns false when the task is being started on another thread.
+    bool takeFromOtherQueue(Task *task);
     void dispatch(int passes);
     /// Called by the task, on whichever thread it happens.
     static void onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
