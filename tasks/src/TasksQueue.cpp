@@ -130,9 +130,10 @@ TasksQueue::Private::Decision TasksQueue::Private::decide()
     const TasksQueueLocker locker(lock);
     if (state == Paused)
         return {Decision::StayPaused, false};
-    if (q->isEmpty() && !q->hasRunningTasks())
-        return {Decision::BecomeIdle, changeState(Idle)};
-    return {Decision::Start, changeState(Working)};
+    const bool hasNothingToDo = countedRunning == 0 && q->isEmpty();
+    const State reached = hasNothingToDo ? Idle : Working;
+    const bool stateChanged = std::exchange(state, reached) != reached;
+    return {hasNothingToDo ? Decision::BecomeIdle : Decision::Start, stateChanged};
 }
 
 // Returns false when the rest of the pass is none of the caller's business: the queue is gone, or somebody else on
@@ -181,7 +182,10 @@ bool TasksQueue::Private::startPending()
 bool TasksQueue::Private::becomeIdleAfterPass()
 {
     const TasksQueueLocker locker(lock);
-    return !q->hasRunningTasks() && state == Working && changeState(Idle);
+    if (countedRunning > 0 || state != Working)
+        return false;
+    state = Idle;
+    return true;
 }
 
 bool TasksQueue::Private::takeFromOtherQueue(Task *task)

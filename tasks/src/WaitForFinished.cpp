@@ -26,18 +26,16 @@ public:
         m_ref->add(this);
     }
 
-    ~Wait()
-    {
-        const QMutexLocker locker(m_ref->mutex());
-        m_ref->remove(this);
-    }
+    ~Wait() { static_cast<void>(close()); }
 
     Q_DISABLE_COPY_MOVE(Wait)
 
     QEventLoop *loop() { return &m_loop; }
-    Error result() const
+    /// Returns the result; none comes any more.
+    Error close()
     {
         const QMutexLocker locker(m_ref->mutex());
+        m_ref->remove(this);
         return m_result.value_or(Error());
     }
 
@@ -123,7 +121,7 @@ Error BaseTask::Private::wait(Qt::ConnectionType wakeUp, int msec)
     }
     wait.loop()->exec(flags);
     // From here on the task may be gone.
-    return wait.result();
+    return wait.close();
 }
 
 Err BaseTask::waitForFinished(int msec) const
