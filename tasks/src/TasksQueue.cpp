@@ -193,12 +193,13 @@ bool TasksQueue::Private::takeFromOtherQueue(Task *task)
     const std::shared_ptr<TasksQueueLock> other = task->d->queueLock();
     if (!other)
         return true;
-    // The dispatch of the other queue is posted: none of its tasks is started in here.
+    const bool isRefused = task->priority() < 0 || task->priority() > q->maxPriority();
+    // With no other queue's lock. Its dispatch is posted: none of its tasks is started in here.
     const TasksQueueLocker locker(other);
     const Entry *entry = task->d->queueEntry(other.get());
     if (entry && entry->isBeingStartedElsewhere())
         return false;
-    if (other != lock && other->queue && task->priority() >= 0 && task->priority() <= q->maxPriority())
+    if (other != lock && other->queue && !isRefused)
         other->queue->removeTask(task);
     return true;
 }
