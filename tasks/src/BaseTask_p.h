@@ -69,6 +69,8 @@ public:
     int currentProgress = 0;
     int totalProgress = 0;
     bool deleteOnFinished = false;
+    /// Whether a working thread was ever started, which may emit signals of the task.
+    bool hadWorkingThread = false;
     WaitMode waitMode = ProcessAllEvents;
     /// Tells runs apart: changes when a run begins, when it ends, and when the task becomes idle again.
     quint64 run = 0;

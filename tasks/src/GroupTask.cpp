@@ -412,11 +412,14 @@ void GroupTask::Private::unlistAndDelete(const Child &child)
     const Child held = child;
     unlist(held);
     const TaskHold hold(*held->ref);
-    // One of this thread takes its connections with it; what arrives until then finds that it is not listed.
-    if (!hold.task() || hold.task()->thread() != QThread::currentThread())
+    BaseTask *task = hold.task();
+    // One that emits on this thread alone takes its connections with it; what arrives until then finds that it is not
+    // listed. Others must not emit while the group is destroyed, which is the receiver.
+    const bool isOfThisThread = task && task->thread() == QThread::currentThread();
+    if (!isOfThisThread || BaseTask::Private::of(task)->hadWorkingThread)
         disconnectChild(held);
-    if (hold.task())
-        hold.task()->deleteLater();
+    if (task)
+        task->deleteLater();
 }
 
 void GroupTask::Private::cancelUnfinishedChildren()

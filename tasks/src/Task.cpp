@@ -136,6 +136,7 @@ QCoro::Task<> Task::Private::finishWith(QPointer<Task> task, quint64 run, Start 
 void Task::Private::execOnWorkingThread()
 {
     q->deleteWorkingThread();
+    BaseTask::Private::of(q)->hadWorkingThread = true;
     if (!gate)
         gate = std::make_shared<WorkGate>();
     const quint64 ticket = gate->admit();
