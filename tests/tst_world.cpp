@@ -442,8 +442,10 @@ void World::drain()
     }
     drainEvents();
     require(countTasks([](Task *task) { return !task->isFinished(); }) == 0, "a canceled task did not finish");
-    for (const auto &queue : m_queues)
-        require(queue->count() == 0 && queue->state() == TasksQueue::Idle, "an empty queue is not idle");
+    for (const auto &queue : m_queues) {
+        require(queue->count() == 0, "a queue holds tasks that are finished");
+        require(queue->count() > 0 || queue->state() == TasksQueue::Idle, "an empty queue is not idle");
+    }
     require(*m_awaits == 0, "a coroutine was not resumed");
 
     QObject last;

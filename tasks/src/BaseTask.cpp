@@ -7,6 +7,7 @@
 #include <zel/common/ProgressBarOutputInterface.h>
 #include <zel/tasks/TasksQueue.h>
 
+#include <QCoreApplication>
 #include <QMetaEnum>
 #include <QScopeGuard>
 #include <QSet>
@@ -150,6 +151,7 @@ BaseTask::~BaseTask()
         const QMutexLocker locker(ref->mutex());
         ref->notifyDestroyed(this, error);
     }
+    QCoreApplication::removePostedEvents(d.get());
     // Deleted with the other children: by itself it would send an event to its parent, through the thread of that.
     static_cast<void>(d.release());
 }
@@ -453,9 +455,14 @@ void BaseTask::setState(State state)
     d->previousState = left;
     std::atomic_ref(d->state).store(state);
     qCInfo(tasksLog) << "Task" << d->name << ":" << stateKey(left) << "=>" << stateString();
-    if (state == Finished && !d->announcesEnd())
-        d->wakeWaits(false);
+    if (state != Finished || d->announcesEnd()) {
+        Q_EMIT stateChanged(state);
+        return;
+    }
+    const QPointer<BaseTask> self(this);
     Q_EMIT stateChanged(state);
+    if (self)
+        d->wakeWaits(false);
 }
 
 Error BaseTask::doFinish()

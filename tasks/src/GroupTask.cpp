@@ -301,15 +301,13 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
     // the run are those of the moment, and the child may be gone by the time of the handling.
     child->link = link;
     child->connectionType = connectionType;
-    child->connections = {
-        connect(
-            task, &BaseTask::started, q, [this, child, task] { reportStart(this, child, task); }, Qt::DirectConnection),
-        connect(
-            task, &BaseTask::finished, q, [this, child, task] { reportEnd(this, child, task); }, Qt::DirectConnection),
-        connect(
-            task, &BaseTask::progress, q, [this, child](int value, int total) { onChildProgress(child, value, total); },
-            connectionType),
-    };
+    child->started = connect(
+        task, &BaseTask::started, q, [this, child, task] { reportStart(this, child, task); }, Qt::DirectConnection);
+    child->finished = connect(
+        task, &BaseTask::finished, q, [this, child, task] { reportEnd(this, child, task); }, Qt::DirectConnection);
+    child->progress = connect(
+        task, &BaseTask::progress, q, [this, child](int value, int total) { onChildProgress(child, value, total); },
+        connectionType);
     // It came finished, or has finished on another thread before the connections were there.
     if (task->isFinished())
         reportEnd(this, child, task);
@@ -403,8 +401,9 @@ void GroupTask::Private::unlist(const Child &child)
 
 void GroupTask::Private::disconnectChild(const Child &child)
 {
-    for (const QMetaObject::Connection &connection : std::exchange(child->connections, {}))
-        QObject::disconnect(connection);
+    QObject::disconnect(std::exchange(child->progress, {}));
+    QObject::disconnect(std::exchange(child->started, {}));
+    QObject::disconnect(std::exchange(child->finished, {}));
 }
 
 void GroupTask::Private::unlistAndDelete(const Child &child)
@@ -413,10 +412,11 @@ void GroupTask::Private::unlistAndDelete(const Child &child)
     unlist(held);
     const TaskHold hold(*held->ref);
     BaseTask *task = hold.task();
-    // One that emits on this thread alone takes its connections with it; what arrives until then finds that it is not
-    // listed. Others must not emit while the group is destroyed, which is the receiver.
-    const bool isOfThisThread = task && task->thread() == QThread::currentThread();
-    if (!isOfThisThread || BaseTask::Private::of(task)->hadWorkingThread)
+    // One that starts and ends on this thread alone takes those connections with it; what arrives until then finds that
+    // it is not listed. Others must not emit while the group is destroyed, which is the receiver.
+    if (task && task->thread() == QThread::currentThread() && !BaseTask::Private::of(task)->hadWorkingThread)
+        QObject::disconnect(std::exchange(held->progress, {}));
+    else
         disconnectChild(held);
     if (task)
         task->deleteLater();

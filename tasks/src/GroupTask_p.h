@@ -10,7 +10,6 @@
 #include <QMutex>
 #include <QThread>
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <iterator>
@@ -96,7 +95,9 @@ struct GroupChild {
     // What its connections use, without the lock: set before they are made.
     std::shared_ptr<GroupLink> link;
     Qt::ConnectionType connectionType = Qt::AutoConnection;
-    std::array<QMetaObject::Connection, 3> connections;
+    QMetaObject::Connection started;
+    QMetaObject::Connection finished;
+    QMetaObject::Connection progress;
     // Numbers of the child's runs; that of a run that has ended is larger than what it was when it began.
     quint64 handledRun = 0; ///< whose end was handled
     /// The last that is known to have begun, or to be awaited: earlier ends are of no interest.

@@ -4,11 +4,10 @@ namespace zel {
 
 void TaskRef::add(TaskWatcher *watcher)
 {
-    watcher->m_next = m_watchers;
-    watcher->m_link = &m_watchers;
-    if (m_watchers)
-        m_watchers->m_link = &watcher->m_next;
-    m_watchers = watcher;
+    watcher->m_next = nullptr;
+    watcher->m_link = m_end;
+    *m_end = watcher;
+    m_end = &watcher->m_next;
 }
 
 void TaskRef::remove(TaskWatcher *watcher)
@@ -16,8 +15,7 @@ void TaskRef::remove(TaskWatcher *watcher)
     if (!watcher->m_link)
         return;
     *watcher->m_link = watcher->m_next;
-    if (watcher->m_next)
-        watcher->m_next->m_link = watcher->m_link;
+    (watcher->m_next ? watcher->m_next->m_link : m_end) = watcher->m_link;
     watcher->m_link = nullptr;
 }
 

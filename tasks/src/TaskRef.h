@@ -61,6 +61,7 @@ private:
     mutable QMutex m_mutex;
     std::atomic<BaseTask *> m_task;
     TaskWatcher *m_watchers = nullptr;
+    TaskWatcher **m_end = &m_watchers;
 };
 
 /// The task of a reference, which no other thread destroys while this object lives. This one may, in a handler: look at

@@ -308,7 +308,8 @@ TasksQueue::Private::Entry *TasksQueue::Private::setRunning(Task *task)
     return entry;
 }
 
-// Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds it.
+// Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds it,
+// which takes less room than connections.
 void TasksQueue::Private::follow(Entry *entry)
 {
     unfollow(entry);
@@ -318,12 +319,18 @@ void TasksQueue::Private::follow(Entry *entry)
         entry->task, &BaseTask::finished, this,
         [this, task = QPointer<Task>(entry->task), entry, stay = entry->stay] { onTaskFinished(task, entry, stay); },
         connectionType);
+    if (connectionType == Qt::QueuedConnection)
+        return;
+    entry->priorityChanged = connect(
+        entry->task, &Task::priorityChanged, this, [this, entry, stay = entry->stay] { readd(entry, stay); },
+        connectionType);
 }
 
 void TasksQueue::Private::unfollow(Entry *entry)
 {
     entry->isFollowed = false;
     disconnect(std::exchange(entry->finished, {}));
+    disconnect(std::exchange(entry->priorityChanged, {}));
     disconnect(std::exchange(entry->idle, {}));
 }
 
@@ -456,28 +463,16 @@ void TasksQueue::Private::onTaskDestroyed(const std::shared_ptr<TasksQueueLock> 
         lock->queue->onTaskDestroyed(task);
 }
 
-void TasksQueue::Private::onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, Task *task)
+// By a posted call; in the order of the handlers, which other types keep, it is a connection.
+void TasksQueue::Private::onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, const Task *task)
 {
-    TasksQueueLocker locker(lock);
-    const QPointer<TasksQueue> queue(lock->queue);
-    const Entry *entry = queue ? queue->d->entryOf(task) : nullptr;
-    if (!entry || !entry->isFollowed)
+    const TasksQueueLocker locker(lock);
+    auto *queue = lock->queue ? lock->queue->d.get() : nullptr;
+    const Entry *entry = queue ? queue->entryOf(task) : nullptr;
+    if (!entry || !entry->isFollowed || entry->connectionType != Qt::QueuedConnection)
         return;
-    const Qt::ConnectionType type = entry->connectionType;
-    const bool isOwnThread = queue->thread() == QThread::currentThread();
-    if (type == Qt::DirectConnection || (type == Qt::AutoConnection && isOwnThread)) {
-        queue->readdTask(task);
-        const int passes = locker.unlock();
-        if (queue)
-            queue->d->dispatch(passes);
-        return;
-    }
-    const auto readd = [queue = queue->d.get(), entry, stay = entry->stay] { queue->readd(entry, stay); };
-    QObject *context = lock->context;
-    // The queue's thread takes the lock before the call returns.
-    if (type == Qt::BlockingQueuedConnection)
-        static_cast<void>(locker.unlock());
-    QMetaObject::invokeMethod(context, readd, type);
+    const auto readd = [queue, entry, stay = entry->stay] { queue->readd(entry, stay); };
+    QMetaObject::invokeMethod(queue, readd, Qt::QueuedConnection);
 }
 
 void TasksQueue::Private::readd(const Entry *entry, quint64 stay)

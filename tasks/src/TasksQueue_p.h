@@ -96,10 +96,11 @@ struct TasksQueueEntry {
     bool isCounted = false; ///< counted among the running ones
     /// The thread that is inside exec() of the task, which may not look like it yet.
     Qt::HANDLE startingThread = nullptr;
-    /// Whether the queue hears of the task's end, its priority and its destruction, the former two by this type.
+    /// Whether the queue hears of the task's end and its priority, and by which type.
     bool isFollowed = false;
     Qt::ConnectionType connectionType = Qt::AutoConnection;
     QMetaObject::Connection finished{};
+    QMetaObject::Connection priorityChanged{};
     QMetaObject::Connection idle{}; ///< while it is parked
 };
 
@@ -134,7 +135,7 @@ public:
     void dispatch(int passes);
     /// Called by the task, on whichever thread it happens.
     static void onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
-    static void onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
+    static void onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, const Task *task);
     void clearAll(ClearPolicy policy, const Error &error);
     static void recount(const std::shared_ptr<TasksQueueLock> &lock, const Task *task);
 

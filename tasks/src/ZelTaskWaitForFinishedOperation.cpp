@@ -29,6 +29,7 @@ public:
     const QPointer<const zel::BaseTask> task;
 
 private:
+    void disconnectTask(const QMetaObject::Connection &connection) const;
     void postResume(QObject *context, int turns);
 
     /// Null until the awaiter waits. Its mutex guards what follows.
@@ -59,14 +60,18 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
         Qt::QueuedConnection);
 
     // Another thread may have resumed the coroutine, and destroyed the task, since it was connected.
-    const QMutexLocker locker(m_ref->mutex());
+    QMutexLocker locker(m_ref->mutex());
     if (!m_ref->get()) {
+        locker.unlock();
+        const zel::Error error = BaseTask::Private::destroyedError();
+        locker.relock();
         if (m_awaiting)
-            onDestroyed(nullptr, BaseTask::Private::destroyedError());
+            onDestroyed(nullptr, error);
         return;
     }
     if (!m_awaiting) {
-        QObject::disconnect(connection);
+        locker.unlock();
+        disconnectTask(connection);
         return;
     }
     m_connection = connection;
@@ -83,13 +88,17 @@ std::coroutine_handle<> ZelTaskWaitForFinishedOperation::Record::detach()
     m_ref->remove(this);
     const auto awaiting = std::exchange(m_awaiting, {});
     const auto connection = std::exchange(m_connection, {});
-    // On another thread the task might be on its way out; what stays connected then resumes nobody.
-    const zel::BaseTask *awaited = m_ref->get();
-    const bool isOwnThread = awaited && awaited->thread() == QThread::currentThread();
     locker.unlock();
-    if (isOwnThread)
-        QObject::disconnect(connection);
+    disconnectTask(connection);
     return awaiting;
+}
+
+// Unless the task is on its way out, and the connection with it.
+void ZelTaskWaitForFinishedOperation::Record::disconnectTask(const QMetaObject::Connection &connection) const
+{
+    const zel::TaskHold hold(*m_ref);
+    if (hold.task())
+        QObject::disconnect(connection);
 }
 
 void ZelTaskWaitForFinishedOperation::Record::resume()
