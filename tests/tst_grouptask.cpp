@@ -164,7 +164,10 @@ private:
         if (std::exchange(child->reportedRun, child->run) == child->run)
             return;
         deliver([this, child, run = child->run, use = m_use, outcome = child->error] {
-            if (child->isListed && run > child->begunRun)
+            if (!child->isListed)
+                return;
+            child->handledRun = qMax(child->handledRun, run);
+            if (run > child->begunRun)
                 onFinished(child, run, use, outcome);
         });
     }
@@ -429,7 +432,8 @@ private Q_SLOTS:
             std::mt19937 random(seed);
             Play play(2 + seed % 4, policies);
             for (int step = 0; step < 30; ++step) {
-                play.perform(operations[random() % operations.size()], random() % (2 + seed % 4));
+                const char *operation = operations[random() % operations.size()];
+                play.perform(operation, random() % (2 + seed % 4));
                 const QString difference = play.difference();
                 QVERIFY2(difference.isEmpty(), qPrintable(u"seed %1, step %2: "_s.arg(seed).arg(step) + difference));
             }

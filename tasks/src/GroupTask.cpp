@@ -465,6 +465,10 @@ void GroupTask::Private::stop(const QList<Child> &unfinished, CancelSubtasksMode
             task->cancel();
         else if (mode == FinishSubtasks)
             stopQuietly(task);
+        // Its queue hears of no end; nor may this group be left to tell it.
+        task = child->task();
+        if (mode == FinishSubtasks && task && task->isFinished())
+            GroupLocker::callUnlocked([ref = child->ref, run = runOf(task)] { leaveQueue(*ref, run); });
         if (!self)
             break;
     }
@@ -530,15 +534,15 @@ void GroupTask::Private::dropStopped(const QList<Child> &stopped)
         child->handledRun = hold.task() ? runOf(hold.task()) : child->begunRun.load();
         if (cleanupPolicy == DeleteWhenFinished)
             unlistAndDelete(child);
-        GroupLocker::callUnlocked([ref = child->ref] { leaveQueue(*ref); });
     }
 }
 
-void GroupTask::Private::leaveQueue(const TaskRef &ref)
+// Unless it has run again.
+void GroupTask::Private::leaveQueue(const TaskRef &ref, quint64 run)
 {
     const TaskHold hold(ref);
     const auto task = qobject_cast<Task *>(hold.task());
-    if (task && task->isFinished())
+    if (task && task->isFinished() && runOf(task) == run)
         TasksQueueHold::removeFromQueue(task);
 }
 

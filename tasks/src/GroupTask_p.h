@@ -224,7 +224,7 @@ public:
     static void addQueues(const auto &stopped, TasksQueueLocks &locks);
     static void stopQuietly(BaseTask *task);
     void dropStopped(const QList<Child> &stopped);
-    static void leaveQueue(const TaskRef &ref);
+    static void leaveQueue(const TaskRef &ref, quint64 run);
 
     GroupTask *const q;
     /// Held while the group's signals are emitted, whose handlers may delete the group: shared with whoever holds it.
