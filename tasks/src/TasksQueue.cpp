@@ -308,8 +308,8 @@ TasksQueue::Private::Entry *TasksQueue::Private::setRunning(Task *task)
     return entry;
 }
 
-// Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds it,
-// which takes less room than connections.
+// Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds
+// it, which takes less room than connections.
 void TasksQueue::Private::follow(Entry *entry)
 {
     unfollow(entry);
