@@ -1,13 +1,12 @@
 #include "TaskUse.h"
 
-#include <QList>
 #include <QMutex>
 #include <QThread>
 #include <QWaitCondition>
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
+#include <vector>
 
 namespace zel {
 
@@ -19,7 +18,7 @@ struct Registry {
     QMutex mutex;
     QWaitCondition ended;
     /// As many as threads are at work with a task at the moment, and a few more where starts are nested.
-    QList<Use> uses;
+    std::vector<Use> uses;
     int waiting = 0;
 };
 // Never destroyed: tasks and queues with static storage may outlive everything of ours that is.
@@ -35,19 +34,21 @@ thread_local int heldLocks = 0;
 
 TaskUse::TaskUse(const BaseTask *task) : m_task(task)
 {
-    const QMutexLocker locker(&registry()->mutex);
-    registry()->uses.append({m_task, QThread::currentThreadId()});
+    Registry *shared = registry();
+    const QMutexLocker locker(&shared->mutex);
+    shared->uses.emplace_back(m_task, QThread::currentThreadId());
 }
 
 TaskUse::~TaskUse()
 {
-    QList<Use> &uses = registry()->uses;
-    const QMutexLocker locker(&registry()->mutex);
-    // The innermost one, which is the last of this thread.
-    const auto found = std::find(uses.crbegin(), uses.crend(), Use(m_task, QThread::currentThreadId()));
-    uses.remove(std::distance(found, uses.crend()) - 1);
-    if (registry()->waiting > 0)
-        registry()->ended.wakeAll();
+    Registry *shared = registry();
+    const QMutexLocker locker(&shared->mutex);
+    // Most often the last one.
+    const auto found = std::find(shared->uses.rbegin(), shared->uses.rend(), Use(m_task, QThread::currentThreadId()));
+    *found = shared->uses.back();
+    shared->uses.pop_back();
+    if (shared->waiting > 0)
+        shared->ended.wakeAll();
 }
 
 void TaskUse::waitForOthers(const BaseTask *task)
@@ -57,11 +58,12 @@ void TaskUse::waitForOthers(const BaseTask *task)
     const auto isElsewhere = [task, self = QThread::currentThreadId()](const Use &use) {
         return use.first == task && use.second != self;
     };
-    const QMutexLocker locker(&registry()->mutex);
-    ++registry()->waiting;
-    while (std::any_of(registry()->uses.cbegin(), registry()->uses.cend(), isElsewhere))
-        registry()->ended.wait(&registry()->mutex);
-    --registry()->waiting;
+    Registry *shared = registry();
+    const QMutexLocker locker(&shared->mutex);
+    ++shared->waiting;
+    while (std::any_of(shared->uses.cbegin(), shared->uses.cend(), isElsewhere))
+        shared->ended.wait(&shared->mutex);
+    --shared->waiting;
 }
 
 void TaskUse::addHeldLocks(int count)
