@@ -9,7 +9,6 @@
 #include <zel/tasks/TasksQueue.h>
 
 #include <QMetaEnum>
-#include <QMetaMethod>
 #include <QPointer>
 
 #include <memory>
@@ -66,14 +65,6 @@ QString key(int state)
 const QString endOfRun = u"stateChanged(Finalizing) finalizing stateChanged(Finished) finished"_s;
 const QString cancelEvents = u"canceled errorChanged(Canceled) "_s + endOfRun;
 
-QString signatures(const QMetaObject &metaObject)
-{
-    QStringList result;
-    for (int index = metaObject.methodOffset(); index < metaObject.methodCount(); ++index)
-        result.append(QString::fromLatin1(metaObject.method(index).methodSignature()));
-    return result.join(u' ');
-}
-
 } // namespace
 
 class BaseTaskTest : public QObject {
@@ -117,44 +108,6 @@ private Q_SLOTS:
         QCOMPARE(task.state(), row.to);
         QCOMPARE(events.take(), row.events);
         QCOMPARE(eventsAfterDeletion(row.from, row.operation), QString());
-    }
-
-    void methodsKeepTheirOrder()
-    {
-        QCOMPARE(signatures(BaseTask::staticMetaObject),
-                 u"finalizing() finished() progressInitiated(int) progress(int,int) progressTextChanged(QString) "
-                 "stateChanged(State) paused() resumed() started() restarted() selfDelete() cancel() pause() resume() "
-                 "finalize() finish(Err) finish() setIdle() setRunning() setFinished() currentProgress() "
-                 "totalProgress() setProgress(int,int) progressText() setProgressText(QString) clearError() "
-                 "waitForFinished(int) waitForFinished() waitForFinished(std::chrono::milliseconds) "
-                 "waitForAllFinished(int) waitForAllFinished() waitForAllFinished(std::chrono::milliseconds)"_s);
-        QCOMPARE(signatures(Task::staticMetaObject),
-                 u"priorityChanged(int) aboutToDestroy() exec() triggersNext() setTriggersNext(bool) countAsRunning() "
-                 "setCountAsRunning(bool)"_s);
-        QCOMPARE(signatures(TasksQueue::staticMetaObject), u"stateChanged(State) pause() resume() tryExec()"_s);
-        QCOMPARE(QMetaType::fromType<TasksQueue::State>().name(), "zel::TasksQueue::State");
-    }
-
-    void oneLifeInTheLog()
-    {
-        auto task = std::make_unique<PlainTask>(BaseTask::Running);
-        LogCapture log;
-        task->pause();
-        task->resume();
-        task->cancel();
-        task.reset();
-        QStringList lines = log.take();
-        QVERIFY(lines.takeAt(5).startsWith(u"debug Setting error Error("));
-        QCOMPARE(lines.join(u'\n'), uR"(info Task "t" => Paused
-info Task "t" : Running => "Paused"
-info Task "t" => Resumed
-info Task "t" : Paused => "Running"
-info Task "t" => Canceled
-debug Task "t" => Finalizing
-info Task "t" : Running => "Finalizing"
-debug Task "t" finished.
-info Task "t" : Finalizing => "Finished"
-debug Deleting "t")"_s);
     }
 
     void errorOfDoFinishReplacesTheOutcome()

@@ -6,7 +6,6 @@
 #include <zel/common/UnifiedError.h>
 
 #include <QHashSeed>
-#include <QMetaType>
 #include <QPointer>
 #include <QSet>
 #include <QSignalSpy>
@@ -69,27 +68,6 @@ private Q_SLOTS:
         QCOMPARE(left == right, equal);
         QCOMPARE(QVariant::fromValue(left) == QVariant::fromValue(right), equal);
         QCOMPARE(QSet<Error>({left, right}).size(), equal ? 1 : 2);
-    }
-
-    void debugFormNamesTheError()
-    {
-        Error error = withWarnings(Error(Canceled, u"stop it"_s), {u"remark"_s});
-        error.ecatch("first()", "first.cpp", 1);
-        const Error copy = error;
-        error.ecatch("work()", "work.cpp", 815);
-        QCOMPARE(copy.places().size(), 1);
-        QString line;
-        QDebug(&line) << error << Error(Timeout) << Error(ErrorCode(4711)) << u"quoted"_s;
-        const QString pieces = u"Canceled|20|stop it|remark|first.cpp|work()|work.cpp|815|Timeout|27|4711|\"quoted\""_s;
-        for (const QString &piece : pieces.split(u'|'))
-            QVERIFY2(line.contains(piece), qPrintable(line));
-    }
-
-    void metaTypeIsFoundByBothNames()
-    {
-        const QMetaType type = QMetaType::fromType<Error>();
-        QCOMPARE(QMetaType::fromName("Err"), type);
-        QCOMPARE(QMetaType::fromName("zel::Error"), type);
     }
 
     void unifiedErrorDoesNotDependOnOrder_data()

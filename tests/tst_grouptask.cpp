@@ -376,30 +376,6 @@ QCoro::Task<Error> await(BaseTask *task)
     co_return co_await task;
 }
 
-/// What a test does to a bench, and what a handler does meanwhile.
-void perform(Bench &bench, const QByteArray &operation)
-{
-    const QPointer<Task> a = bench.owner.findChild<Task *>(u"a"_s);
-    if (operation.startsWith("delete "))
-        delete bench.find(QString::fromLatin1(operation.last(1)));
-    else if (operation == "cancel")
-        bench.group->cancel();
-    else if (operation == "append")
-        bench.group->append({bench.task(u"x"_s), bench.task(u"y"_s)});
-    else if (operation == "change")
-        setPolicies(bench.group, {.failure = GroupTask::ContinueOnFailure, .cleanup = GroupTask::DeleteWithGroup});
-    else if (operation == "restart")
-        bench.group->setRunning();
-    else if (operation == "report" && a)
-        a->setProgress(1, 2);
-    else if (operation == "fail" && a)
-        a->finish(Error(UserError));
-    for (const auto &name : {u"a"_s, u"b"_s, u"c"_s, u"d"_s}) {
-        if (auto *task = bench.find(name); task && operation == "finish")
-            task->finish();
-    }
-}
-
 } // namespace
 
 class GroupTaskTest : public QObject {
@@ -558,17 +534,6 @@ private Q_SLOTS:
         QCOMPARE(bench.group->pendingChildrenCount(), 0);
     }
 
-    void anythingMayHappenInHandlers_data()
-    {
-        QTest::addColumn<QByteArray>("operation");
-        QTest::addColumn<QByteArray>("reaction");
-        for (const char *operation : {"cancel", "fail", "finish", "report", "append"}) {
-            for (const char *reaction : {"delete g", "delete a", "delete b", "delete n", "delete y", "cancel", "append",
-                                         "finish", "change", "restart"})
-                QTest::addRow("%s, %s", operation, reaction) << QByteArray(operation) << QByteArray(reaction);
-        }
-    }
-
     void endThatAHandlerTookBackIsNone()
     {
         GroupTask group;
@@ -598,34 +563,6 @@ private Q_SLOTS:
         QVERIFY(bench.group->isIdle() && !bench.find(u"b"_s)->isFinished());
         bench.group->cancel();
         QVERIFY(bench.group->isCanceled());
-    }
-
-    void anythingMayHappenInHandlers()
-    {
-        QFETCH(QByteArray, operation);
-        QFETCH(QByteArray, reaction);
-        for (int variant = 0; variant < 24; ++variant) {
-            const Policies policies{GroupTask::WaitAll, GroupTask::ChildFailurePolicy(variant / 8),
-                                    cleanups[variant / 2 % 2], stopModes[variant / 4 % 2],
-                                    connectionTypes[variant % 2]};
-            for (int index = 0, events = 1; index < events; ++index) {
-                Bench bench(policies);
-                for (const auto &name : {u"a"_s, u"b"_s, u"c"_s})
-                    bench.running(name);
-                bench.group->append(bench.nested(u"n"_s, {bench.task(u"d"_s)}, policies));
-                drainEvents();
-                bench.log.take();
-                bench.log.keepOnly({u"appended"_s, u"finalizing"_s, u"finished"_s, u"progress"_s, u"stateChanged"_s});
-                connect(bench.group, &GroupTask::taskAppended, this, [&] { bench.log.add(u"appended"_s); });
-                bench.log.at(index, [&] { perform(bench, reaction); });
-                perform(bench, operation);
-                drainEvents();
-                events = int(bench.log.events().size());
-                if (bench.group)
-                    bench.group->cancel();
-                QVERIFY(!bench.group || bench.group->isFinished());
-            }
-        }
     }
 
     void coroutinesAreChildren()
@@ -699,26 +636,6 @@ private Q_SLOTS:
             delete group;
             thread->requestInterruption();
             QVERIFY(thread->wait());
-        }
-    }
-
-    void tenThousandChildrenAtOnce()
-    {
-        constexpr int count = 10'000;
-        for (const auto cleanup : cleanups) {
-            Bench bench({.failure = GroupTask::ContinueOnFailure, .cleanup = cleanup});
-            QList<BaseTask *> tasks;
-            for (int number = 0; number < count; ++number)
-                tasks.append(new Task(Task::Asynchronous, &bench.owner));
-            bench.group->append(tasks);
-            for (BaseTask *task : std::as_const(tasks)) {
-                task->setRunning();
-                task->setProgress(1, 1);
-                task->finish(Error(ReadError));
-            }
-            drainEvents();
-            QCOMPARE(bench.group->totalProgress(), count);
-            QCOMPARE(bench.owner.findChildren<Task *>().size(), cleanup == GroupTask::SelfDelete ? count : 0);
         }
     }
 };

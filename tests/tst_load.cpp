@@ -240,9 +240,7 @@ private Q_SLOTS:
 // ZEL_SOAK_SECONDS says how long it goes on.
 void tst_load::threadsMayDoAnythingAtAnyTime()
 {
-    bool isGiven = false;
-    const int seconds = qEnvironmentVariableIntValue("ZEL_SOAK_SECONDS", &isGiven);
-    const QDeadlineTimer end(std::chrono::seconds(isGiven ? seconds : 3));
+    const QDeadlineTimer end(std::chrono::seconds(qEnvironmentVariable("ZEL_SOAK_SECONDS", u"3"_s).toInt()));
     const quint32 seed = QRandomGenerator::global()->generate();
     qInfo() << "seed" << seed;
     TasksQueue queued;

@@ -33,27 +33,12 @@ class tst_progress : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void everyReportIsEmittedAsGiven();
     void displayFollowsFromTheNextReport_data();
     void displayFollowsFromTheNextReport();
     void reportsOfManyThreadsReachTheDisplayInItsThread();
     void displayCancels_data();
     void displayCancels();
 };
-
-void tst_progress::everyReportIsEmittedAsGiven()
-{
-    Task task;
-    EventLog log(&task);
-    for (const auto &[value, total] : {std::pair(5, 5), {5, 5}, {7, 3}, {-1, 0}})
-        task.setProgress(value, total);
-    task.setProgressText(u"x"_s);
-    task.setProgressText(u"x"_s);
-    QCOMPARE(log.take(),
-             u"progress(5,5) progress(5,5) progress(7,3) progress(-1,0) "
-             "progressTextChanged(x) progressTextChanged(x)"_s);
-    QCOMPARE(std::pair(task.currentProgress(), task.totalProgress()), std::pair(-1, 0));
-}
 
 void tst_progress::displayFollowsFromTheNextReport_data()
 {

@@ -116,22 +116,6 @@ private Q_SLOTS:
         QCOMPARE(bench.log.take().remove(u":started"_s), u"t7 t1 t6 t3 t4 t2 t5"_s);
     }
 
-    void ordinaryLifeInTheLog()
-    {
-        Bench bench;
-        Task *a = bench.task(u"a"_s);
-        a->setCountAsRunning(false);
-        LogCapture log;
-        bench.queue->append(a);
-        QCOMPARE(log.take(u"info"_s).join(u'\n'), uR"(Task "a" appended, queue.count= 1
-Idle queue "q"  --> Working.
-Running tasks: 0 Max running tasks: 1
-Task "a" : Idle => "Running"
-No more tasks in the queue  "q"
-Queue   "q" --> Idle.
-Queue size: 0)"_s);
-    }
-
     void refusedTasksStayOutside()
     {
         Bench bench;

@@ -10,17 +10,12 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QPointer>
-#include <QScopeGuard>
 #include <QThread>
 
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <thread>
-
-#ifdef Q_OS_LINUX
-#include <pthread.h>
-#endif
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -291,35 +286,6 @@ private Q_SLOTS:
             task->exec();
         }
         QVERIFY(pollUntil([&] { return destroyed == 300; }));
-    }
-
-    void threadThatCannotBeStartedEndsItsTask()
-    {
-#if defined(Q_OS_LINUX) && !defined(__SANITIZE_ADDRESS__)
-        pthread_attr_t attributes;
-        QCOMPARE(pthread_getattr_default_np(&attributes), 0);
-        pthread_attr_t tooLarge = attributes;
-        pthread_attr_setstacksize(&tooLarge, size_t(1) << 60);
-        QCOMPARE(pthread_setattr_default_np(&tooLarge), 0);
-        // Qt may warn as well.
-        const auto handler = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &){});
-        const auto restore = qScopeGuard([&] {
-            pthread_setattr_default_np(&attributes);
-            qInstallMessageHandler(handler);
-        });
-
-        bool ran = false;
-        Task task([&] { return ran = true, Error(); }, Task::WorkingThread);
-        task.exec();
-        QTRY_VERIFY(task.isFinished());
-        QVERIFY(task.error().equals(GeneralError) && !ran);
-
-        pthread_setattr_default_np(&attributes);
-        task.exec();
-        QTRY_VERIFY(task.isSuccessful() && ran);
-#else
-        QSKIP("no way to keep threads from starting here");
-#endif
     }
 
 private:

@@ -232,14 +232,6 @@ private Q_SLOTS:
         QCOMPARE(outcome.status, outcome.errors.isEmpty() ? 0 : 1);
     }
 
-    void listThatCannotBeReadFails()
-    {
-        const Outcome outcome = sum({u"--check"_s, u"missing"_s});
-        QVERIFY2(outcome.errors.startsWith("zel-sum: missing: No such file or directory\n"),
-                 outcome.errors.constData());
-        QCOMPARE(outcome.status, 1);
-    }
-
     void listThatComesSlowlyIsCheckedAsItComes()
     {
         write("a", "1");
@@ -267,29 +259,6 @@ private Q_SLOTS:
             QCOMPARE(outcome.errors, QByteArray("zel-sum: 1 of 3 files failed\n"));
             QCOMPARE(outcome.status, 1);
         }
-    }
-
-    void wrongOptionsShowTheUsage_data()
-    {
-        addRows<QStringList>({
-            {"nothing", {}},
-            {"unknown", {u"--unknown"_s, u"a"_s}},
-            {"algorithm", {u"--algorithm"_s, u"sha"_s, u"a"_s}},
-            {"no jobs", {u"--jobs=0"_s, u"a"_s}},
-            {"too many jobs", {u"--jobs=99999999999"_s, u"a"_s}},
-            {"progress", {u"--progress=sometimes"_s, u"a"_s}},
-            {"list and path", {u"--check"_s, u"a"_s, u"a"_s}},
-        });
-    }
-
-    void wrongOptionsShowTheUsage()
-    {
-        QFETCH(const QStringList, row);
-        write("a", lineOf("a", "1"));
-        const Outcome outcome = sum(row);
-        QVERIFY2(outcome.errors.contains("Usage: zel-sum"), outcome.errors.constData());
-        QCOMPARE(outcome.output, QByteArray());
-        QCOMPARE(outcome.status, 2);
     }
 
     void signalStopsRunningWork_data() { addRows<int>({{"SIGINT", SIGINT}, {"SIGTERM", SIGTERM}}); }
