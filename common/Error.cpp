@@ -55,6 +55,7 @@ const CodeEntry *findEntry(ErrorCode code)
 // Operations invoked by name find their argument types by the names that the signatures spell.
 void registerMetaTypes()
 {
+    qRegisterMetaType<Error>("Error");
     qRegisterMetaType<Error>("Err");
     qRegisterMetaType<Error>("zel::Err");
 }

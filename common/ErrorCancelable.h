@@ -13,7 +13,7 @@ namespace zel {
 /**
  * A QObject with a current error and a canceled status.
  *
- * Threads: no lock; use it from one thread at a time.
+ * Threads: error and status may be read and set from any thread; signals come on the thread that sets them.
  */
 class ZEL_COMMON_EXPORT ErrorCancelable : public QObject, public Cancelable {
     Q_OBJECT
@@ -37,8 +37,8 @@ public:
     /**
      * Whether the object counts as canceled.
      *
-     * True after setCanceled(true), after canceled() was emitted and after setError() with a Canceled error; false
-     * after setCanceled(false) and after setError() with a value that carries no error.
+     * True after setCanceled(true) and after setError() with a Canceled error; false after setCanceled(false) and after
+     * setError() with a value that carries no error. A canceled() that a subclass emits does not set it.
      */
     bool isCanceled() const override;
     /// Sets the canceled status alone: emits nothing, leaves the error as it is.
@@ -49,6 +49,10 @@ Q_SIGNALS:
     void errorChanged(const Error &error);
     /// The object was canceled. The handler may delete the object.
     void canceled();
+
+protected:
+    /// setError() without the signal.
+    void storeError(Error error);
 
 private:
     class Private;

@@ -502,6 +502,7 @@ private Q_SLOTS:
                 if (deletesQueue)
                     return delete bench.queue;
                 const QString event = bench.log.events().last();
+                bench.queue->pause(); // or each deletion would start the next task
                 for (Task *task : tasks) {
                     if (task && event != task->name() + u":aboutToDestroy"_s)
                         delete task;

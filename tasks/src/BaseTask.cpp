@@ -1,8 +1,11 @@
 #include <zel/tasks/BaseTask.h>
 
 #include "BaseTask_p.h"
-#include "TaskUse.h"
+#include "GroupChild.h"
+#include "Interleaving.h"
+#include "Task_p.h"
 #include "TasksLog.h"
+#include "TasksQueueShare.h"
 
 #include <zel/common/ProgressBarOutputInterface.h>
 #include <zel/tasks/TasksQueue.h>
@@ -11,9 +14,8 @@
 #include <QMetaEnum>
 #include <QScopeGuard>
 #include <QSet>
-#include <QThread>
 
-#include <atomic>
+#include <utility>
 
 namespace zel {
 
@@ -51,46 +53,14 @@ Q_CONSTRUCTOR_FUNCTION(registerMetaTypes)
 
 } // namespace
 
-std::atomic<quint64> BaseTask::Private::resets{0};
-
-BaseTask::Private::Private(BaseTask *task) : QObject(task), q(task) { }
+BaseTask::Private::Private(BaseTask *task) : QObject(task), q(task), life(std::make_shared<TaskLife>(task)) { }
 
 BaseTask::Private::~Private() = default;
-
-quint64 BaseTask::Private::nextRun() const
-{
-    return state == Finished || state == Idle ? run + 1 : run;
-}
-
-bool BaseTask::Private::isEnding() const
-{
-    return endingRun == run;
-}
-
-bool BaseTask::Private::announcesEnd() const
-{
-    return endedRun == run;
-}
-
-std::shared_ptr<TaskRef> BaseTask::Private::ref()
-{
-    const QMutexLocker locker(&mutex);
-    if (!sharedRef)
-        sharedRef = std::make_shared<TaskRef>(q);
-    knownRef = sharedRef.get();
-    return sharedRef;
-}
-
-bool BaseTask::Private::clearRef()
-{
-    const QMutexLocker locker(&mutex);
-    return sharedRef && sharedRef->clear();
-}
 
 bool BaseTask::Private::refusesSource(const BaseTask *source) const
 {
     if (!source) {
-        qCWarning(tasksLog) << "Task" << name << "cannot be bound to a null task";
+        qCWarning(tasksLog) << "Task" << q->name() << "cannot be bound to a null task";
         return true;
     }
     const auto sourcesOf = [](const BaseTask *task) -> const auto &
@@ -98,17 +68,31 @@ bool BaseTask::Private::refusesSource(const BaseTask *source) const
         return of(task)->sources;
     };
     if (follows(source, q, sourcesOf)) {
-        qCWarning(tasksLog) << "Task" << name << "cannot be bound to task" << source->name()
+        qCWarning(tasksLog) << "Task" << q->name() << "cannot be bound to task" << source->name()
                             << "which is itself or follows it";
         return true;
     }
     return false;
 }
 
+const std::shared_ptr<TaskLife> &TaskLife::of(const BaseTask *task)
+{
+    return task->d->life;
+}
+
+void TaskLife::deleteLater(BaseTask *task)
+{
+    task->d->isDoomed = true;
+    task->deleteLater();
+}
+
+// Nothing is posted that the task would be destroyed with: Qt would search all that is posted for it.
 void BaseTask::Private::postDeletion()
 {
-    const auto deleteUnlessTakenBack = [this, finishedRun = run] {
-        if (deleteOnFinished && run == finishedRun && q->isFinished())
+    if (isDoomed)
+        return;
+    const auto deleteUnlessTakenBack = [this, finishedRun = life->run()] {
+        if (deleteOnFinished && life->run() == finishedRun && q->isFinished())
             q->deleteLater();
     };
     QMetaObject::invokeMethod(this, deleteUnlessTakenBack, Qt::QueuedConnection);
@@ -116,11 +100,11 @@ void BaseTask::Private::postDeletion()
 
 void BaseTask::Private::wakeWaits(bool isAnnounced) const
 {
-    const TaskRef *ref = knownRef;
-    if (!ref)
+    interleavingPoint("wake waits");
+    if (!life->hasWatchers())
         return;
-    const QMutexLocker locker(ref->mutex());
-    ref->notifyEnded(q, isAnnounced);
+    const QMutexLocker locker(life->mutex());
+    life->notifyEnded(isAnnounced);
 }
 
 void BaseTask::Private::announceFinished()
@@ -134,6 +118,147 @@ Error BaseTask::Private::destroyedError()
     return Error(GeneralError, BaseTask::tr("The task was destroyed before it finished."));
 }
 
+std::shared_ptr<TasksQueueShare> BaseTask::Private::queueShare() const
+{
+    const QMutexLocker locker(life->mutex());
+    return queue;
+}
+
+// The one way in which a run ends with finished(). A handler may delete the task, or set it idle or running again: what
+// follows belongs to this run.
+void BaseTask::Private::finish(Error error, bool isCancel)
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    BaseTask *const task = q;
+    TaskVisit visit(shared);
+    const quint64 run = visit.isInside() ? shared->claimEnd() : 0;
+    if (run == 0)
+        return;
+    visit.setEndedRun(run);
+    const auto abandoned = qScopeGuard([&shared, run] { shared->releaseEnd(run); });
+    const auto goesOn = [&shared, run] { return shared->isIn(run); };
+
+    if (isCancel)
+        qCInfo(tasksLog) << "Task" << task->name() << "=> Canceled";
+    if (error.equals(Canceled)) {
+        task->ErrorCancelable::setCanceled(true);
+        Q_EMIT task->canceled();
+    }
+    if (!goesOn())
+        return;
+    if (error.hasError())
+        qCDebug(tasksLog) << "Setting error" << error;
+    if (!shared->storeError(run, error))
+        return;
+    Q_EMIT task->errorChanged(error);
+    if (!goesOn())
+        return;
+    const bool deleteAfterwards = deleteOnFinished;
+    task->finalize();
+    if (!goesOn())
+        return;
+    Error failure = task->doFinish();
+    if (failure.hasError()) {
+        failure.ecatch("void zel::BaseTask::finish(zel::Err)", __FILE__, __LINE__);
+        if (!shared->storeError(run, failure))
+            return;
+        Q_EMIT task->errorChanged(failure);
+    }
+    if (!goesOn())
+        return;
+    qCDebug(tasksLog) << "Task" << task->name() << "finished.";
+    // The outcome is taken before any handler can destroy the task.
+    const Error outcome = task->error();
+    const std::vector<std::shared_ptr<GroupChild>> followers = shared->followers();
+    const auto change = shared->complete(run, true);
+    if (!change)
+        return;
+    const quint64 over = change->run;
+    const auto isOver = [&shared, over] { return shared->isIn(over); };
+    announceState(*change, Finished);
+    if (isOver())
+        announceFinished();
+    if (isOver())
+        Q_EMIT task->finished();
+    // Groups that were not reached by finished(), because the task is gone or idle again.
+    for (const auto &child : followers)
+        GroupChild::reportMissedEnd(child, over, outcome);
+    if (deleteAfterwards && isOver())
+        Q_EMIT task->selfDelete(BaseTask::QPrivateSignal());
+}
+
+bool BaseTask::Private::finishQuietly()
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    BaseTask *const task = q;
+    TaskVisit visit(shared);
+    const quint64 run = visit.isInside() ? shared->claimEnd() : 0;
+    if (run == 0)
+        return false;
+    visit.setEndedRun(run);
+    const auto abandoned = qScopeGuard([&shared, run] { shared->releaseEnd(run); });
+    task->finalize();
+    const auto change = shared->complete(run, false);
+    if (!change)
+        return false;
+    announceState(*change, Finished);
+    return true;
+}
+
+void BaseTask::Private::changeState(State state, std::optional<quint64> expectedRun)
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    BaseTask *const task = q;
+    const TaskVisit visit(shared);
+    const auto change = shared->change(state, expectedRun);
+    if (!change)
+        return;
+    if (state != Idle || change->left == Idle) {
+        announceState(*change, state);
+        return;
+    }
+    // Queue and groups are told by a call: idle again, the task may be started, and its run is over for them.
+    const auto followers = shared->followers();
+    const std::shared_ptr<TasksQueueShare> dispatching = Task::Private::leaveRun(task);
+    for (const auto &child : followers)
+        GroupChild::noteIdle(child);
+    announceState(*change, state);
+    // What had finished is told of by its end.
+    for (const auto &child : followers) {
+        if (change->isReset && change->left != Finished)
+            GroupChild::reportMissedEnd(child, change->run, Error());
+    }
+    if (dispatching)
+        TasksQueueShare::dispatch(dispatching);
+}
+
+// Called after the change; the task may be gone when it returns.
+void BaseTask::Private::announceState(const TaskLife::Change &change, State state)
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    BaseTask *const task = q;
+    interleavingPoint("state changed");
+    qCInfo(tasksLog) << "Task" << task->name() << ":" << stateKey(change.left) << "=>" << task->stateString();
+    Q_EMIT task->stateChanged(state);
+    if (change.isQuietEnd && shared->task())
+        wakeWaits(false);
+}
+
+// A handler may end the run, or pause the task, which then was not started.
+void BaseTask::Private::announceRunning(const TaskLife::Change &change)
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    BaseTask *const task = q;
+    announceState(change, Running);
+    if (!shared->isIn(change.run))
+        return;
+    const State left = shared->previousState();
+    if (left == Idle || left == Finished)
+        Q_EMIT task->started();
+    if (shared->isIn(change.run) && left == Finished)
+        Q_EMIT task->restarted();
+}
+
 BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this))
 {
     // What guarded pointers share is made here, because Qt makes it unsynchronised when two threads make the first
@@ -143,13 +268,13 @@ BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_uniqu
 
 BaseTask::~BaseTask()
 {
-    qCDebug(tasksLog) << "Deleting" << d->name;
-    if (d->clearRef())
-        TaskUse::waitForOthers(this);
-    if (const TaskRef *ref = d->knownRef) {
+    qCDebug(tasksLog) << "Deleting" << name();
+    d->life->retire();
+    d->life->waitForVisitors(name());
+    if (d->life->hasWatchers()) {
         const Error error = Private::destroyedError();
-        const QMutexLocker locker(ref->mutex());
-        ref->notifyDestroyed(this, error);
+        const QMutexLocker locker(d->life->mutex());
+        d->life->notifyDestroyed(this, error);
     }
     QCoreApplication::removePostedEvents(d.get());
     // Deleted with the other children: by itself it would send an event to its parent, through the thread of that.
@@ -158,22 +283,25 @@ BaseTask::~BaseTask()
 
 QString BaseTask::name() const
 {
+    const QMutexLocker locker(d->life->mutex());
     return d->name;
 }
 
 void BaseTask::setName(const QString &name)
 {
-    d->name = name;
+    QString replaced = name;
+    const QMutexLocker locker(d->life->mutex());
+    d->name.swap(replaced);
 }
 
 BaseTask::State BaseTask::state() const
 {
-    return std::atomic_ref(d->state).load();
+    return d->life->state();
 }
 
 BaseTask::State BaseTask::previousState() const
 {
-    return d->previousState;
+    return d->life->previousState();
 }
 
 QString BaseTask::stateString() const
@@ -211,17 +339,23 @@ bool BaseTask::isSuccessful() const
     return isFinished() && !hasError();
 }
 
-const QVariant &BaseTask::variantResult() const
+QVariant BaseTask::variantResult() const
 {
+    const QMutexLocker locker(d->life->mutex());
     return d->result;
 }
 
 void BaseTask::setVariantResult(const QVariant &result)
 {
-    if (result == d->result)
+    // Compared, and the replaced one destroyed, without the lock: values of the user's have code of their own.
+    if (result == variantResult())
         return;
-    d->result = result;
-    Q_EMIT d->resultChanged(QVariant(d->result));
+    QVariant replaced = result;
+    {
+        const QMutexLocker locker(d->life->mutex());
+        d->result.swap(replaced);
+    }
+    Q_EMIT d->resultChanged(QVariant(result));
 }
 
 bool BaseTask::deleteOnFinished() const
@@ -239,14 +373,15 @@ void BaseTask::setDeleteOnFinished(bool deleteOnFinished)
 
 TasksQueue *BaseTask::queue() const
 {
-    const QMutexLocker locker(&d->mutex);
-    return d->queue;
+    const std::shared_ptr<TasksQueueShare> share = d->queueShare();
+    return share ? share->queue() : nullptr;
 }
 
 void BaseTask::setQueue(TasksQueue *queue)
 {
-    const QMutexLocker locker(&d->mutex);
-    d->queue = queue;
+    std::shared_ptr<TasksQueueShare> replaced = TasksQueueShare::of(queue);
+    const QMutexLocker locker(d->life->mutex());
+    d->queue.swap(replaced);
 }
 
 void BaseTask::bind(const BaseTask *source)
@@ -267,7 +402,10 @@ void BaseTask::bind(const BaseTask *source)
     connect(source, &BaseTask::errorChanged, this, &BaseTask::setError);
     connect(from, &Private::resultChanged, this, &BaseTask::setVariantResult);
     connect(source, &BaseTask::started, this, &BaseTask::started);
-    connect(source, &BaseTask::canceled, this, &BaseTask::canceled);
+    connect(source, &BaseTask::canceled, this, [this] {
+        setCanceled(true);
+        Q_EMIT canceled();
+    });
     connect(source, &BaseTask::paused, this, &BaseTask::paused);
     connect(source, &BaseTask::resumed, this, &BaseTask::resumed);
     connect(source, &BaseTask::restarted, this, &BaseTask::restarted);
@@ -287,97 +425,51 @@ void BaseTask::setWaitMode(WaitMode mode)
 
 void BaseTask::cancel()
 {
-    if (isFinished() || d->isEnding())
-        return;
-    qCInfo(tasksLog) << "Task" << d->name << "=> Canceled";
-    finish(Error(Canceled, tr("Canceled")));
+    d->finish(Error(Canceled, tr("Canceled")), true);
 }
 
 void BaseTask::pause()
 {
+    const std::shared_ptr<TaskLife> life = d->life;
+    const quint64 run = life->run();
     const State left = state();
     if (left == Paused)
         return;
-    qCInfo(tasksLog) << "Task" << d->name << "=> Paused";
-    const QPointer<BaseTask> self(this);
+    qCInfo(tasksLog) << "Task" << name() << "=> Paused";
     Q_EMIT paused();
-    // A handler that moved the task on has decided: pausing now would revive a task that it finished.
-    if (self && state() == left)
-        setState(Paused);
+    // Whoever moved the task on meanwhile has decided: pausing now would revive a task that was finished.
+    if (!life->isIn(run) || life->state() != left)
+        return;
+    if (const auto change = life->change(Paused, run))
+        d->announceState(*change, Paused);
 }
 
 void BaseTask::resume()
 {
     if (!isPaused())
         return;
-    qCInfo(tasksLog) << "Task" << d->name << "=> Resumed";
-    const QPointer<BaseTask> self(this);
-    const State left = d->pausedState;
+    const std::shared_ptr<TaskLife> life = d->life;
+    const quint64 run = life->run();
+    const State left = life->pausedState();
+    qCInfo(tasksLog) << "Task" << name() << "=> Resumed";
     Q_EMIT resumed();
-    if (self && isPaused())
-        setState(left);
+    if (life->isIn(run) && life->state() == Paused)
+        d->changeState(left, run);
 }
 
 void BaseTask::finalize()
 {
-    qCDebug(tasksLog) << "Task" << d->name << "=> Finalizing";
-    const QPointer<BaseTask> self(this);
-    setState(Finalizing);
-    if (self)
+    const std::shared_ptr<TaskLife> life = d->life;
+    qCDebug(tasksLog) << "Task" << name() << "=> Finalizing";
+    // finish() means the run that it ends, which may be over by now.
+    d->changeState(Finalizing, TaskVisit::runBeingEnded(life.get()));
+    if (life->task())
         Q_EMIT finalizing();
 }
 
 void BaseTask::finish(Err err)
 {
-    if (isFinished() || d->isEnding())
-        return;
-    const QPointer<BaseTask> self(this);
-    std::optional<TaskUse> use;
-    if (thread() != QThread::currentThread())
-        use.emplace(this);
-    const quint64 run = d->run;
-    d->endingRun = run;
-    const auto ended = qScopeGuard([&self, run] {
-        if (!self || self->d->endingRun != run)
-            return;
-        self->d->endingRun.reset();
-        self->d->endedRun.reset();
-    });
-
-    // A handler may have deleted the task, or set it idle or running again: what follows belongs to this run.
-    const auto goesOn = [&self, run] { return self && self->d->run == run; };
-    if (err.equals(Canceled))
-        Q_EMIT canceled();
-    if (!goesOn())
-        return;
-    if (err.hasError())
-        qCDebug(tasksLog) << "Setting error" << err;
-    setError(err);
-    if (!goesOn())
-        return;
-    const bool deleteAfterwards = d->deleteOnFinished;
-    finalize();
-    if (!goesOn())
-        return;
-    Error failure = doFinish();
-    if (!goesOn())
-        return;
-    if (failure.hasError())
-        setError(failure.ecatch(Q_FUNC_INFO, __FILE__, __LINE__));
-    if (!goesOn())
-        return;
-    qCDebug(tasksLog) << "Task" << d->name << "finished.";
-    const quint64 over = ++d->run;
-    d->endedRun = over;
-    setState(Finished);
-
-    const auto isOver = [&self, over] { return self && self->d->run == over; };
-    if (isOver())
-        d->announceFinished();
-    if (isOver())
-        Q_EMIT finished();
-    if (deleteAfterwards && isOver())
-        Q_EMIT selfDelete(QPrivateSignal());
+    d->finish(std::move(err));
 }
 
 void BaseTask::setIdle()
@@ -387,15 +479,8 @@ void BaseTask::setIdle()
 
 void BaseTask::setRunning()
 {
-    const QPointer<BaseTask> self(this);
-    setState(Running);
-    if (!self)
-        return;
-    const State left = d->previousState;
-    if (left == Idle || left == Finished)
-        Q_EMIT started();
-    if (self && left == Finished)
-        Q_EMIT restarted();
+    if (const auto change = d->life->change(Running))
+        d->announceRunning(*change);
 }
 
 void BaseTask::setFinished()
@@ -405,30 +490,35 @@ void BaseTask::setFinished()
 
 int BaseTask::currentProgress() const
 {
-    return d->currentProgress;
+    return d->figures.load().value;
 }
 
 int BaseTask::totalProgress() const
 {
-    return d->totalProgress;
+    return d->figures.load().total;
 }
 
 void BaseTask::setProgress(int value, int total)
 {
-    d->currentProgress = value;
-    d->totalProgress = total;
+    d->figures = {value, total};
     Q_EMIT progress(value, total);
 }
 
 QString BaseTask::progressText() const
 {
+    const QMutexLocker locker(d->life->mutex());
     return d->progressText;
 }
 
 void BaseTask::setProgressText(const QString &text)
 {
-    d->progressText = text;
-    Q_EMIT progressTextChanged(QString(d->progressText));
+    QString current = text;
+    {
+        QString replaced = text;
+        const QMutexLocker locker(d->life->mutex());
+        d->progressText.swap(replaced);
+    }
+    Q_EMIT progressTextChanged(current);
 }
 
 void BaseTask::clearError()
@@ -438,31 +528,7 @@ void BaseTask::clearError()
 
 void BaseTask::setState(State state)
 {
-    const State left = d->state;
-    const bool begins = state == Running && (left == Idle || left == Finished);
-    const bool isReset = state == Idle && left != Idle;
-    const bool isResumed = left == Paused && d->pausedState == state;
-    // While finish() is at work, it says itself when the run is over.
-    const bool ends = state == Finished && left != Finished && !isResumed && !d->isEnding() && !d->announcesEnd();
-    if (begins || isReset || ends)
-        ++d->run;
-    if (isReset)
-        Private::resets.fetch_add(1);
-    if (left == Finished && (begins || isReset))
-        setCanceled(false);
-    if (state == Paused && left != Paused)
-        d->pausedState = left;
-    d->previousState = left;
-    std::atomic_ref(d->state).store(state);
-    qCInfo(tasksLog) << "Task" << d->name << ":" << stateKey(left) << "=>" << stateString();
-    if (state != Finished || d->announcesEnd()) {
-        Q_EMIT stateChanged(state);
-        return;
-    }
-    const QPointer<BaseTask> self(this);
-    Q_EMIT stateChanged(state);
-    if (self)
-        d->wakeWaits(false);
+    d->changeState(state);
 }
 
 Error BaseTask::doFinish()

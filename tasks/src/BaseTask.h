@@ -78,8 +78,8 @@ public:
     /// Finished without an error.
     bool isSuccessful() const;
 
-    /// A result beside the error, for whoever knows the task. Invalid at first; a new run leaves it as it is.
-    const QVariant &variantResult() const;
+    /// A result beside the error, for whoever knows the task. Invalid at first; a new run leaves it as it is. A copy.
+    QVariant variantResult() const;
     /// Tasks that are bound to this one take the result over. No signal of the task tells of it.
     void setVariantResult(const QVariant &result);
 
@@ -231,6 +231,7 @@ private:
     friend class ComplexTask;
     friend class GroupTask;
     friend class Task;
+    friend class TaskLife;
     class Private;
     std::unique_ptr<Private> d;
 };

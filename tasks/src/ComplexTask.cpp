@@ -1,14 +1,17 @@
 #include <zel/tasks/ComplexTask.h>
 
 #include "BaseTask_p.h"
+#include "ComplexTask_p.h"
 #include "GroupTask_p.h"
+#include "Interleaving.h"
+#include "TaskStart.h"
+#include "Task_p.h"
 #include "TasksLog.h"
-#include "TasksQueueHold.h"
+#include "TasksQueueShare.h"
 
 #include <zel/tasks/TasksQueue.h>
 
-#include <QPointer>
-
+#include <optional>
 #include <utility>
 
 namespace zel {
@@ -19,50 +22,26 @@ constexpr QLatin1String groupNameSuffix(":GroupTask");
 
 } // namespace
 
-class Q_DECL_HIDDEN ComplexTask::Private {
-public:
-    /// A subtask to be started, in the run that it was in when the group admitted it.
-    struct Admitted {
-        QPointer<Task> task;
-        quint64 run;
-
-        bool isToBeStarted() const { return task && BaseTask::Private::of(task)->run == run; }
-    };
-
-    explicit Private(ComplexTask *task) : q(task) { }
-    ~Private() { link->close(); }
-
-    void setupGroupTask(GroupTask *group);
-    GroupTask *ensureGroupTask();
-    void onGroupFinished(const GroupTask *group, quint64 use);
-    void beginRun();
-    void connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure);
-    QList<Admitted> admit(const QList<Task *> &tasks);
-    static void startDirectly(const QList<Admitted> &subtasks);
-    void startThroughQueue(const QList<Admitted> &subtasks);
-
-    /// May have been deleted by others.
-    QPointer<GroupTask> groupTask;
-    ComplexTask *const q;
-    const std::shared_ptr<TaskLink> link = std::make_shared<TaskLink>(q);
-    bool hasRun = false; ///< the group has been used by a run
-};
-
 void ComplexTask::Private::setupGroupTask(GroupTask *group)
 {
+    const std::shared_ptr<GroupNode> replaced = std::exchange(node, GroupTask::Private::of(group)->node);
+    if (replaced)
+        GroupTask::Private::handOverContainers(replaced.get(), node);
     groupTask = group;
+    hasRun = false;
     group->setCancelSubtasksMode(GroupTask::CancelSubtasks);
-    // Posted with the use of the group that has ended, so that the end of no later one is taken for it.
     connect(
-        group, &GroupTask::finished, q,
-        [this, group] {
-            const auto onFinished = [this, ended = QPointer<GroupTask>(group),
-                                     use = GroupTask::Private::of(group)->link->use.load()] {
-                onGroupFinished(ended, use);
-            };
-            QMetaObject::invokeMethod(q, onFinished, Qt::QueuedConnection);
-        },
-        Qt::DirectConnection);
+        group, &GroupTask::finished, q, [this, group] { postGroupFinished(group); }, Qt::DirectConnection);
+}
+
+// With the use of the group and the run of the task that have ended, so that the end of no other one is taken for it.
+void ComplexTask::Private::postGroupFinished(GroupTask *group)
+{
+    const auto onFinished = [this, ended = QPointer<GroupTask>(group), run = TaskLife::of(q)->run(),
+                             use = GroupTask::Private::of(group)->link->use.load()] {
+        onGroupFinished(ended, use, run);
+    };
+    QMetaObject::invokeMethod(q, onFinished, Qt::QueuedConnection);
 }
 
 GroupTask *ComplexTask::Private::ensureGroupTask()
@@ -74,17 +53,18 @@ GroupTask *ComplexTask::Private::ensureGroupTask()
     return groupTask;
 }
 
-void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use)
+void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use, quint64 run)
 {
-    if (group && group == groupTask && GroupTask::Private::of(group)->link->use == use)
+    interleavingPoint("group finished");
+    if (group && group == groupTask && GroupTask::Private::of(group)->link->use == use && TaskLife::of(q)->isIn(run))
         q->finish(group->error());
 }
 
-// A task that was set idle after a run, as a queue wants it, is run again as well.
+// The group is made fresh, also when it ended before the run; one that was set since the last run is taken as it is.
 void ComplexTask::Private::beginRun()
 {
     GroupTask *group = ensureGroupTask();
-    if (q->isFinished() || (hasRun && (q->isIdle() || group->isFinished())))
+    if (group->isFinished() || (hasRun && (q->isFinished() || q->isIdle())))
         GroupTask::Private::of(group)->startAfresh();
 }
 
@@ -93,29 +73,33 @@ void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<voi
 {
     if (!onSuccess && !onFailure)
         return;
-    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread. And this
-    // task may be gone when the subtask ends there.
+    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread.
     connect(
-        task, &Task::finished, task,
-        [task, toComplexTask = link, onSuccess, onFailure] {
+        task, &Task::finished, q,
+        [task, life = TaskLife::of(q), onSuccess, onFailure] {
             const auto &callback = task->hasError() ? onFailure : onSuccess;
             if (task->isFinished() && callback)
-                toComplexTask->deliver(callback, Qt::AutoConnection);
+                deliverTo(life, callback, Qt::AutoConnection);
         },
         Qt::DirectConnection);
 }
 
+// In the run that they have before anybody hears of it: one that a handler ends is not started.
 QList<ComplexTask::Private::Admitted> ComplexTask::Private::admit(const QList<Task *> &tasks)
 {
-    const QPointer<ComplexTask> self(q);
-    const QList<QPointer<Task>> guarded(tasks.cbegin(), tasks.cend());
+    const std::shared_ptr<TaskLife> life = TaskLife::of(q);
+    QList<Admitted> given;
+    for (Task *task : tasks) {
+        if (task)
+            given.append({task, TaskLife::of(task), TaskLife::of(task)->run()});
+    }
     QList<Admitted> admitted;
-    for (const QPointer<Task> &task : guarded) {
-        if (!self || !task)
+    for (const Admitted &subtask : std::as_const(given)) {
+        if (!life->task() || !subtask.life->task())
             continue;
-        ensureGroupTask()->append(task);
-        if (self && task && groupTask && GroupTask::Private::of(groupTask)->lists(task))
-            admitted.append({task, BaseTask::Private::of(task)->run});
+        ensureGroupTask()->append(subtask.task);
+        if (life->task() && subtask.life->task() && groupTask && GroupTask::Private::of(groupTask)->lists(subtask.task))
+            admitted.append(subtask);
     }
     return admitted;
 }
@@ -129,30 +113,37 @@ void ComplexTask::Private::startDirectly(const QList<Admitted> &subtasks)
     }
 }
 
-void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks)
+void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks,
+                                             const std::shared_ptr<TasksQueueShare> &share)
 {
-    const QPointer<TasksQueue> queue(q->queue());
     QList<Admitted> complexTasks;
     QList<Admitted> others;
     QList<Task *> appended;
     for (const Admitted &subtask : subtasks) {
+        if (!subtask.isToBeStarted())
+            continue;
         if (qobject_cast<ComplexTask *>(subtask.task)) {
             complexTasks.append(subtask);
-        } else if (subtask.isToBeStarted()) {
+        } else {
             others.append(subtask);
             appended.append(subtask.task);
         }
     }
-    queue->append(appended);
+    const int maxPriority = share->queue()->maxPriority();
+    share->queue()->append(appended);
     for (const Admitted &subtask : std::as_const(others)) {
         // Refused: nobody would ever start it, and the group would wait for it for ever.
-        if (subtask.isToBeStarted() && !subtask.task->isRunning() && !TasksQueueHold::lockOf(subtask.task))
+        const TaskVisit atWork(subtask.life);
+        if (!atWork.isInside() || !subtask.isToBeStarted() || !subtask.life->isFree())
+            continue;
+        const int priority = subtask.task->priority();
+        if (!subtask.task->d->queueShare() && (priority < 0 || priority > maxPriority))
             subtask.task->finish(Error(GeneralError, ComplexTask::tr("The queue did not take the task.")));
     }
     for (const Admitted &subtask : std::as_const(complexTasks)) {
         if (!subtask.isToBeStarted())
             continue;
-        subtask.task->setQueue(queue);
+        subtask.task->setQueue(share->queue());
         subtask.task->exec();
     }
 }
@@ -168,11 +159,12 @@ ComplexTask::ComplexTask(QObject *parent) : ComplexTask(QString(), parent) { }
 
 ComplexTask::~ComplexTask()
 {
-    // The queue must not start it any more.
-    TasksQueueHold::removeFromQueue(this);
-    // The work may be using the group.
+    // The queue must not start it any more, nor its work use the group.
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    life->retire();
+    Task::d->leaveQueue();
+    life->waitForVisitors(name());
     stopWorkingThread();
-    d->link->close();
     delete d->groupTask;
 }
 
@@ -183,24 +175,36 @@ void ComplexTask::setName(const QString &name)
         d->groupTask->setName(name + groupNameSuffix);
 }
 
+// The start is claimed before the group is touched, which another thread that loses would make fresh in the middle of
+// the run.
 void ComplexTask::exec()
 {
-    const QPointer<ComplexTask> self(this);
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    const TaskVisit visit(life);
+    std::optional<TaskStart> start;
+    if (!TaskStart::unusedOf(life.get())) {
+        const quint64 claim = life->claimStart(false);
+        if (claim == 0)
+            return;
+        start.emplace(life, claim);
+    }
     d->beginRun();
-    if (!self)
+    if (!life->task())
+        return;
+    d->ensureGroupTask()->setWaitMode(waitMode());
+    if (!life->task())
         return;
     d->hasRun = true;
-    d->ensureGroupTask()->setWaitMode(waitMode());
-    if (self)
-        Task::exec();
+    Task::exec();
 }
 
 void ComplexTask::cancel()
 {
-    const QPointer<ComplexTask> self(this);
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    const TaskVisit visit(life);
     if (d->groupTask)
         d->groupTask->cancel();
-    if (self)
+    if (life->task())
         BaseTask::cancel();
 }
 
@@ -213,15 +217,16 @@ void ComplexTask::setGroupTask(GroupTask *group)
 {
     if (!group || group == d->groupTask)
         return;
-    const QPointer<GroupTask> replaced = d->groupTask;
-    if (replaced && GroupTask::Private::of(replaced)->isWithin(group)) {
+    if (GroupTask::Private::isWithin(d->node, GroupTask::Private::of(group)->node)) {
         qCWarning(tasksLog) << "Group" << group->name() << "cannot be that of task" << name() << "which it contains";
         return;
     }
-    if (replaced)
-        GroupTask::Private::of(replaced)->handOverContainers(group);
+    const QPointer<GroupTask> replaced = d->groupTask;
     d->setupGroupTask(group);
     delete replaced;
+    // It has ended already, and with it the run that is under way.
+    if (group->isFinished() && !isIdle() && !isFinished())
+        d->postGroupFinished(group);
 }
 
 void ComplexTask::appendSubtask(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure)
@@ -249,14 +254,16 @@ void ComplexTask::execSubtasks(const QList<Task *> &tasks)
 {
     if (isFinished())
         return;
-    const QPointer<ComplexTask> self(this);
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
     const QList<Private::Admitted> admitted = d->admit(tasks);
-    if (!self)
+    if (!life->task())
         return;
-    if (queue())
-        d->startThroughQueue(admitted);
-    else
-        Private::startDirectly(admitted);
+    const std::shared_ptr<TasksQueueShare> share = BaseTask::Private::of(this)->queueShare();
+    if (!share || !share->queue())
+        return Private::startDirectly(admitted);
+    const TasksQueueVisit visit(share);
+    if (visit.isInside())
+        d->startThroughQueue(admitted, share);
 }
 
 GroupTask::WaitMode ComplexTask::waitMode() const

@@ -1,5 +1,6 @@
 #include <zel/tasks/CustomComplexTask.h>
 
+#include "ComplexTask_p.h"
 #include "GroupTask_p.h"
 
 #include <QPointer>
@@ -17,11 +18,12 @@ CustomComplexTask::~CustomComplexTask() = default;
 
 Error CustomComplexTask::doExec()
 {
-    const QPointer<CustomComplexTask> self(this);
-    const QPointer<GroupTask> group = groupTask();
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    const quint64 run = life->run();
+    const QPointer<GroupTask> group = ComplexTask::d->ensureGroupTask();
     const quint64 admissions = GroupTask::Private::of(group)->admissions;
     const Error error = doExecSubtasks();
-    if (!self || error.hasError())
+    if (!life->isIn(run) || error.hasError())
         return error;
     // Nobody would ever end a group to which nothing came. It may be another one now.
     const GroupTask *present = groupTask();

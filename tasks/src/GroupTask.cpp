@@ -1,8 +1,11 @@
 #include <zel/tasks/GroupTask.h>
 
 #include "BaseTask_p.h"
+#include "ComplexTask_p.h"
 #include "GroupTask_p.h"
+#include "Interleaving.h"
 #include "TasksLog.h"
+#include "TasksQueueShare.h"
 
 #include <zel/common/UnifiedError.h>
 #include <zel/tasks/ComplexTask.h>
@@ -19,39 +22,6 @@
 namespace zel {
 
 namespace {
-
-/// Keeps the mutex itself alive: a handler may delete the group while it is held.
-class GroupLocker {
-public:
-    explicit GroupLocker(std::shared_ptr<QRecursiveMutex> mutex) : m_mutex(std::move(mutex))
-    {
-        m_mutex->lock();
-        TaskUse::addHeldLocks(1);
-        ++held;
-    }
-    ~GroupLocker()
-    {
-        m_mutex->unlock();
-        TaskUse::addHeldLocks(-1);
-        if (--held > 0)
-            return;
-        for (const auto &call : std::exchange(calls, {}))
-            call();
-    }
-    Q_DISABLE_COPY_MOVE(GroupLocker)
-
-    /// Calls when this thread holds no group's lock any more, for what takes the lock of a queue: a queue that ends
-    /// tasks holds it while the group of such a task takes its own.
-    static void callUnlocked(std::function<void()> call) { calls.push_back(std::move(call)); }
-
-private:
-    static thread_local int held;
-    static thread_local std::vector<std::function<void()>> calls;
-    const std::shared_ptr<QRecursiveMutex> m_mutex;
-};
-
-thread_local int GroupLocker::held = 0;
-thread_local std::vector<std::function<void()>> GroupLocker::calls;
 
 /// Guards the nodes of all groups: they are walked from the inside outwards, the groups' locks taken inwards.
 constinit QBasicMutex nodesMutex;
@@ -77,17 +47,16 @@ QSet<const GroupNode *> withContainers(const std::shared_ptr<GroupNode> &node)
 
 } // namespace
 
-void TaskLink::close()
+GroupTask::Private *GroupTask::Private::of(const TaskVisit &visit)
 {
-    const QMutexLocker locker(&m_mutex);
-    m_receiver = nullptr;
+    return of(static_cast<const GroupTask *>(visit.task()));
 }
 
 void GroupTask::Private::onChildStarted(const Child &child, quint64 run, quint64 use)
 {
-    const GroupLocker locker(mutex);
+    const std::shared_ptr<TaskLife> life = link->life;
     if (!child->isListed)
-        return;
+        return lookAgain();
     child->hasShare = true;
     setUnstarted(child, false);
     // Unless it was stopped meanwhile.
@@ -97,30 +66,44 @@ void GroupTask::Private::onChildStarted(const Child &child, quint64 run, quint64
     }
     if (use == link->use && q->isIdle())
         q->setRunning();
+    if (life->task())
+        lookAgain();
+}
+
+// The check that was put off because of a start that was not handled.
+void GroupTask::Private::lookAgain()
+{
+    if (isCheckOwed && !q->isFinished())
+        checkFinished();
 }
 
 void GroupTask::Private::onChildFinished(const Child &child, quint64 run, quint64 use, const Error &error)
 {
-    const QPointer<GroupTask> self(q);
-    const GroupLocker locker(mutex);
-    if (!child->isListed)
+    const std::shared_ptr<TaskLife> life = link->life;
+    const Child held = child;
+    if (!held->isListed)
         return;
-    child->handledRun = qMax(child->handledRun, run);
+    held->handledRun = qMax(held->handledRun, run);
     // It runs again; this is an earlier end.
-    if (run <= child->begunRun)
+    if (run <= held->begunRun)
         return;
-    setPending(child, false);
-    setUnstarted(child, false);
+    const bool isLeftOver = held->isLeftOver;
+    setPending(held, false);
+    setUnstarted(held, false);
     if (cleanupPolicy == DeleteWhenFinished)
-        unlistAndDelete(child);
+        unlistAndDelete(held);
     if (q->isFinished())
         return;
 
-    if (error.hasError() && use == link->use && !child->isLeftOver) {
+    // Nothing of an earlier use of the group, whose children it does not wait for, ends this one.
+    if (isLeftOver)
+        return;
+    const quint64 presentUse = link->use;
+    if (error.hasError() && use == presentUse) {
         switch (childFailurePolicy) {
         case FailFast:
             q->finish(error);
-            if (self && use == link->use)
+            if (life->task() && use == link->use)
                 cancelUnfinishedChildren();
             return;
         case ContinueOnFailure:
@@ -134,20 +117,22 @@ void GroupTask::Private::onChildFinished(const Child &child, quint64 run, quint6
             break;
         }
     }
-    if (self && (use == link->use || q->isRunning()))
+    if (life->task() && (use == link->use || q->isRunning()))
         checkFinished();
 }
 
 void GroupTask::Private::onChildProgress(const Child &child, int value, int total)
 {
-    const GroupLocker locker(mutex);
-    if (!child->isListed || !child->hasShare)
+    // What was reported before the child was unlisted counts, unless it was appended again since.
+    const auto stay = stays.constFind(child->task());
+    const bool isPresent = child->isListed || !child->task() || (stay != stays.cend() && *stay == child);
+    if (!child->hasShare || !isPresent)
         return;
     progressValue += quint32(value) - std::exchange(child->value, quint32(value));
     progressTotal += quint32(total) - std::exchange(child->total, quint32(total));
     if (total == 0 && !std::exchange(zeroProgressReported, true)) {
-        const TaskHold hold(*child->ref);
-        qCDebug(tasksLog) << "Task" << (hold.task() ? hold.task()->name() : QString())
+        const TaskVisit visit(child->life);
+        qCDebug(tasksLog) << "Task" << (visit.task() ? visit.task()->name() : QString())
                           << "has zero maximum progress. This may lead to inconsistent progress reporting, and it "
                              "usually indicates that the progress reporting for the current GroupTask"
                           << q->name() << "should be reworked";
@@ -157,46 +142,44 @@ void GroupTask::Private::onChildProgress(const Child &child, int value, int tota
 
 void GroupTask::Private::startAfresh()
 {
-    const QPointer<GroupTask> self(q);
-    const GroupLocker locker(mutex);
-    ++link->use;
-    for (const Child &child : children) {
-        child->isLeftOver = true;
-        child->handledRun = child->begunRun;
-        setPending(child, false);
-    }
-    errors.clear();
-    zeroProgressReported = false;
-    q->setCanceled(false);
-    q->clearError();
-    if (self)
-        q->setIdle();
-}
-
-quint64 GroupTask::Private::runOf(const BaseTask *task)
-{
-    return BaseTask::Private::of(task)->run;
+    const std::shared_ptr<TaskLife> life = link->life;
+    GroupLocker::lockAndCall(mutex(), [&] {
+        ++link->use;
+        for (const Child &child : children) {
+            child->isLeftOver = true;
+            child->handledRun = child->begunRun;
+            setPending(child, false);
+        }
+        errors.clear();
+        isCheckOwed = false;
+        q->setCanceled(false);
+        q->clearError();
+        if (life->task())
+            q->setIdle();
+    });
 }
 
 bool GroupTask::Private::lists(const BaseTask *task) const
 {
-    const GroupLocker locker(mutex);
+    const GroupLocker locker(mutex());
     const auto stay = stays.constFind(task);
     return stay != stays.cend() && (*stay)->isListed && (*stay)->task() == task;
 }
 
+// Something came, or is waited for, or the group has ended, whose end counts.
 bool GroupTask::Private::hasAdmitted(quint64 earlier) const
 {
-    const GroupLocker locker(mutex);
-    return admissions != earlier || isAnyStartedAgain();
+    const GroupLocker locker(mutex());
+    return admissions != earlier || !pending.isEmpty() || link->startsUnderWay > 0 || q->isFinished()
+        || link->life->isEnding();
 }
 
-void GroupTask::Private::appendTask(BaseTask *task)
+void GroupTask::Private::appendTask(BaseTask *task, bool isWrapper)
 {
     if (!task)
         return;
-    const GroupTask *group = groupOf(task);
-    if (refuses(task, group))
+    const std::shared_ptr<GroupNode> taskNode = nodeOf(task);
+    if (refuses(task, taskNode))
         return;
     if (lists(task)) {
         const Child child = stays.value(task);
@@ -209,35 +192,44 @@ void GroupTask::Private::appendTask(BaseTask *task)
         task->cancel();
         return;
     }
-    if (q->isFinished()) {
+    if (q->isFinished() || q->isFinalizing() || link->life->isEnding()) {
         task->finish(Error(GeneralError, GroupTask::tr("The group for the task was already finished.")));
         return;
     }
 
     ++admissions;
     const auto child = std::make_shared<GroupChild>();
-    child->ref = BaseTask::Private::of(task)->ref();
+    child->life = TaskLife::of(task);
+    child->link = link;
+    child->connectionType = connectionType;
+    child->number = ++lastNumber;
+    child->isWrapper = isWrapper;
     children.append(child);
     pending.append(child);
     const Child earlier = std::exchange(stays[task], child);
     // Its share is counted already, and replaced; that of another task which had the address stays in the sums.
-    if (earlier && earlier->ref == child->ref) {
+    if (earlier && earlier->life == child->life) {
         child->value = earlier->value;
         child->total = earlier->total;
     }
-    if (group) {
-        child->node = of(group)->node;
+    if (taskNode) {
+        child->node = taskNode;
         const QMutexLocker locker(&nodesMutex);
         child->node->containers.push_back(node);
     }
 
-    const QPointer<GroupTask> self(q);
-    const auto goesOn = [&self, &child] { return self && child->isListed && child->task(); };
+    const std::shared_ptr<TaskLife> life = link->life;
+    const auto goesOn = [&life, &child] { return life->task() && child->isListed && child->task(); };
     Q_EMIT q->taskAppended(task);
-    if (goesOn() && !task->isFinished())
+    if (!goesOn())
+        return;
+    const bool isFinished = task->isFinished();
+    connectChild(child, task);
+    if (!isFinished)
         addShare(child, task);
-    if (goesOn())
-        connectChild(child, task);
+    // It came finished, or has finished on another thread before the connections were there.
+    if (goesOn() && task->isFinished())
+        GroupChild::reportEnd(child, child->life->run(), task->error());
 }
 
 // One that ended here and was set idle, to be started again, or one that is still at work from before a fresh start.
@@ -246,7 +238,7 @@ void GroupTask::Private::awaitAgain(const Child &child)
     child->isLeftOver = false;
     // Ends that are on their way are those of earlier runs.
     if (child->task()->isIdle()) {
-        child->begunRun = runOf(child->task());
+        child->begunRun = child->life->run();
         setUnstarted(child, true);
     }
     setPending(child, true);
@@ -259,24 +251,31 @@ GroupTask *GroupTask::Private::groupOf(BaseTask *task)
     return qobject_cast<GroupTask *>(task);
 }
 
-bool GroupTask::Private::isWithin(const GroupTask *other) const
+std::shared_ptr<GroupNode> GroupTask::Private::nodeOf(BaseTask *task)
 {
-    const QMutexLocker locker(&nodesMutex);
-    return withContainers(node).contains(of(other)->node.get());
+    if (const auto complexTask = qobject_cast<ComplexTask *>(task))
+        return ComplexTask::Private::of(complexTask)->node;
+    const auto group = qobject_cast<GroupTask *>(task);
+    return group ? of(group)->node : nullptr;
 }
 
-void GroupTask::Private::handOverContainers(GroupTask *successor)
+bool GroupTask::Private::isWithin(const std::shared_ptr<GroupNode> &node, const std::shared_ptr<GroupNode> &other)
 {
     const QMutexLocker locker(&nodesMutex);
-    auto &to = of(successor)->node->containers;
-    to.insert(to.end(), node->containers.begin(), node->containers.end());
-    node->containers.clear();
-    node->successor = of(successor)->node;
+    return withContainers(node).contains(other.get());
 }
 
-bool GroupTask::Private::refuses(const BaseTask *task, const GroupTask *group) const
+void GroupTask::Private::handOverContainers(GroupNode *from, const std::shared_ptr<GroupNode> &successor)
 {
-    if (!group || !isWithin(group))
+    const QMutexLocker locker(&nodesMutex);
+    successor->containers.insert(successor->containers.end(), from->containers.begin(), from->containers.end());
+    from->containers.clear();
+    from->successor = successor;
+}
+
+bool GroupTask::Private::refuses(const BaseTask *task, const std::shared_ptr<GroupNode> &taskNode) const
+{
+    if (!taskNode || !isWithin(node, taskNode))
         return false;
     qCWarning(tasksLog) << "Task" << task->name() << "cannot be a child of group" << q->name()
                         << "which it is or contains";
@@ -285,8 +284,7 @@ bool GroupTask::Private::refuses(const BaseTask *task, const GroupTask *group) c
 
 void GroupTask::Private::addShare(const Child &child, const BaseTask *task)
 {
-    const int value = task->currentProgress();
-    const int total = task->totalProgress();
+    const auto [value, total] = BaseTask::Private::of(task)->figures.load();
     child->hasShare = true;
     progressValue += quint32(value) - std::exchange(child->value, quint32(value));
     progressTotal += quint32(total) - std::exchange(child->total, quint32(total));
@@ -299,40 +297,20 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
     setUnstarted(child, task->isIdle() || task->isPaused());
     // Start and end are taken note of where they happen, and handled where the connection type says: the error and
     // the run are those of the moment, and the child may be gone by the time of the handling.
-    child->link = link;
-    child->connectionType = connectionType;
+    child->life->addFollower(child);
     child->started = connect(
-        task, &BaseTask::started, q, [this, child, task] { reportStart(this, child, task); }, Qt::DirectConnection);
+        task, &BaseTask::started, q, [child] { GroupChild::reportStart(child); }, Qt::DirectConnection);
     child->finished = connect(
-        task, &BaseTask::finished, q, [this, child, task] { reportEnd(this, child, task); }, Qt::DirectConnection);
+        task, &BaseTask::finished, q,
+        [child, task] {
+            // Not where an earlier handler of finished() began another run, or set the task idle.
+            if (task->isFinished())
+                GroupChild::reportEnd(child, child->life->run(), task->error());
+        },
+        Qt::DirectConnection);
     child->progress = connect(
-        task, &BaseTask::progress, q, [this, child](int value, int total) { onChildProgress(child, value, total); },
-        connectionType);
-    // It came finished, or has finished on another thread before the connections were there.
-    if (task->isFinished())
-        reportEnd(this, child, task);
-}
-
-void GroupTask::Private::reportStart(Private *group, const Child &child, const BaseTask *task)
-{
-    const quint64 run = runOf(task);
-    // Unless an earlier handler of started() has ended it, which is reported already.
-    if (child->reportedRun < run)
-        child->begunRun = run;
-    auto handle = [group, child, run, use = child->link->use.load()] { group->onChildStarted(child, run, use); };
-    child->link->deliver(std::move(handle), child->connectionType);
-}
-
-// Once per run of the child, on the thread that ends it. Not where an earlier handler of finished() began another run.
-void GroupTask::Private::reportEnd(Private *group, const Child &child, const BaseTask *task)
-{
-    const quint64 run = runOf(task);
-    if (!task->isFinished() || child->reportedRun.exchange(run) == run)
-        return;
-    auto handle = [group, child, run, use = child->link->use.load(), error = task->error()] {
-        group->onChildFinished(child, run, use, error);
-    };
-    child->link->deliver(std::move(handle), child->connectionType);
+        task, &BaseTask::progress, q,
+        [child](int value, int total) { GroupChild::reportProgress(child, value, total); }, Qt::DirectConnection);
 }
 
 void GroupTask::Private::checkFinished()
@@ -341,17 +319,14 @@ void GroupTask::Private::checkFinished()
         return;
     while (!pending.isEmpty() && pending.first()->isGone())
         setPending(pending.first(), false);
-    if (!pending.isEmpty() || isAnyStartedAgain())
+    // What tells of a child that has started again is on its way.
+    isCheckOwed = link->startsUnderWay > 0;
+    if (!pending.isEmpty() || isCheckOwed)
         return;
+    const std::shared_ptr<TaskLife> life = link->life;
     cleanup();
-    q->finish(Error(NoError));
-}
-
-// What tells the group of it is on its way.
-bool GroupTask::Private::isAnyStartedAgain() const
-{
-    return std::any_of(children.begin(), children.end(),
-                       [](const Child &child) { return child->begunRun > child->handledRun && !child->isGone(); });
+    if (life->task())
+        q->finish(Error(NoError));
 }
 
 void GroupTask::Private::cleanup()
@@ -386,7 +361,7 @@ void GroupTask::Private::setUnstarted(const Child &child, bool isUnstarted)
 
 void GroupTask::Private::unlist(const Child &child)
 {
-    if (!std::exchange(child->isListed, false))
+    if (!child->isListed.exchange(false))
         return;
     const Child held = child;
     setPending(held, false);
@@ -401,6 +376,10 @@ void GroupTask::Private::unlist(const Child &child)
 
 void GroupTask::Private::disconnectChild(const Child &child)
 {
+    const TaskVisit visit(child->life);
+    child->life->removeFollower(child.get());
+    if (!visit.isInside())
+        return;
     QObject::disconnect(std::exchange(child->progress, {}));
     QObject::disconnect(std::exchange(child->started, {}));
     QObject::disconnect(std::exchange(child->finished, {}));
@@ -410,16 +389,18 @@ void GroupTask::Private::unlistAndDelete(const Child &child)
 {
     const Child held = child;
     unlist(held);
-    const TaskHold hold(*held->ref);
-    BaseTask *task = hold.task();
+    const TaskVisit visit(held->life);
+    BaseTask *task = visit.task();
     // One that starts and ends on this thread alone takes those connections with it; what arrives until then finds that
     // it is not listed. Others must not emit while the group is destroyed, which is the receiver.
-    if (task && task->thread() == QThread::currentThread() && !BaseTask::Private::of(task)->hadWorkingThread)
+    if (task && task->thread() == QThread::currentThread() && !BaseTask::Private::of(task)->hadWorkingThread) {
+        held->life->removeFollower(held.get());
         QObject::disconnect(std::exchange(held->progress, {}));
-    else
+    } else {
         disconnectChild(held);
+    }
     if (task)
-        task->deleteLater();
+        TaskLife::deleteLater(task);
 }
 
 void GroupTask::Private::cancelUnfinishedChildren()
@@ -427,54 +408,71 @@ void GroupTask::Private::cancelUnfinishedChildren()
     stop({children.begin(), children.end()}, cancelSubtasksMode);
 }
 
-// Looks only at children that have not been seen to start; at all of them when it may be that one was set idle by hand.
+// Looks only at children that have not been seen to start, or were set idle since.
 void GroupTask::Private::cancelIdleChildren()
 {
-    if (const quint64 resets = BaseTask::Private::resets; std::exchange(knownResets, resets) != resets) {
-        for (const Child &child : children)
-            setUnstarted(child, true);
-    }
+    takeIdleAgain();
     QList<Child> idle;
     for (auto next = unstarted.begin(); next != unstarted.end();) {
         const Child child = *next++;
-        const TaskHold hold(*child->ref);
-        if (hold.task() && hold.task()->isIdle())
+        const TaskVisit visit(child->life);
+        if (visit.isInside() && visit.task()->isIdle())
             idle.append(child);
-        else if (!hold.task() || !hold.task()->isPaused())
+        else if (!visit.isInside() || !visit.task()->isPaused())
             setUnstarted(child, false);
     }
+    std::sort(idle.begin(), idle.end(),
+              [](const Child &left, const Child &right) { return left->number < right->number; });
     stop(idle, cancelSubtasksMode);
+}
+
+void GroupTask::Private::takeIdleAgain()
+{
+    std::vector<std::weak_ptr<GroupChild>> idleAgain;
+    {
+        const QMutexLocker locker(&link->idleMutex);
+        idleAgain.swap(link->idleAgain);
+    }
+    for (const auto &weak : idleAgain) {
+        const Child child = weak.lock();
+        if (child && child->isListed)
+            setUnstarted(child, true);
+    }
 }
 
 void GroupTask::Private::stop(const QList<Child> &unfinished, CancelSubtasksMode mode)
 {
     const QList<Child> stopped = inOrderOfStop(unfinished, mode);
+    const std::shared_ptr<TaskLife> life = link->life;
     // No queue starts one of them in the place of another.
-    TasksQueueLocks locks;
-    addQueues(stopped, locks);
-    const auto queuesHold = std::make_shared<TasksQueueHold>(std::move(locks));
-
-    const QPointer<GroupTask> self(q);
+    TasksQueueHold hold;
+    if (hold.addGroup(node))
+        addQueues(stopped, hold);
+    QList<Child> dropped;
     for (const Child &child : stopped) {
-        const TaskHold hold(*child->ref);
-        BaseTask *task = hold.task();
+        const TaskVisit visit(child->life);
+        BaseTask *task = visit.task();
         if (!task || task->isFinished())
             continue;
+        interleavingPoint("stop child");
         qCDebug(tasksLog) << "Cancelling child task" << task->name();
         if (mode == CancelSubtasks)
             task->cancel();
-        else if (mode == FinishSubtasks)
-            stopQuietly(task);
-        // Its queue hears of no end; nor may this group be left to tell it.
-        task = child->task();
-        if (mode == FinishSubtasks && task && task->isFinished())
-            GroupLocker::callUnlocked([ref = child->ref, run = runOf(task)] { leaveQueue(*ref, run); });
-        if (!self)
+        else if (mode == FinishSubtasks && stopQuietly(task))
+            dropped.append(child);
+        if (!life->task())
             break;
     }
-    if (self && mode == FinishSubtasks)
-        dropStopped(stopped);
-    GroupLocker::callUnlocked([queuesHold] {});
+    if (life->task())
+        dropStopped(dropped);
+    // Their queues hear of no end.
+    for (const Child &child : dropped) {
+        const TaskVisit visit(child->life);
+        const auto task = qobject_cast<Task *>(visit.task());
+        if (task && task->isFinished())
+            TasksQueueHold::removeFromQueue(task);
+    }
+    hold.release();
 }
 
 // Quietly, idle ones go first.
@@ -484,66 +482,56 @@ QList<GroupTask::Private::Child> GroupTask::Private::inOrderOfStop(const QList<C
     QList<Child> first;
     QList<Child> others;
     for (const Child &child : unfinished) {
-        const TaskHold hold(*child->ref);
-        if (!hold.task() || hold.task()->isFinished())
+        const TaskVisit visit(child->life);
+        if (!visit.isInside() || visit.task()->isFinished())
             continue;
-        const bool isFirst = mode == FinishSubtasks && hold.task()->isIdle();
+        const bool isFirst = mode == FinishSubtasks && visit.task()->isIdle();
         (isFirst ? first : others).append(child);
     }
     return first + others;
 }
 
-void GroupTask::Private::addQueues(const auto &stopped, TasksQueueLocks &locks)
+void GroupTask::Private::addQueues(const auto &stopped, TasksQueueHold &hold)
 {
     for (const Child &child : stopped) {
-        const TaskHold hold(*child->ref);
-        if (const auto task = qobject_cast<Task *>(hold.task())) {
-            if (auto lock = TasksQueueHold::lockOf(task))
-                locks.insert(std::move(lock));
-        }
-        if (const GroupTask *group = groupOf(hold.task())) {
-            const GroupLocker locker(of(group)->mutex);
-            addQueues(of(group)->children, locks);
+        const TaskVisit visit(child->life);
+        if (const auto task = qobject_cast<Task *>(visit.task()))
+            hold.add(task);
+        if (const GroupTask *group = groupOf(visit.task())) {
+            const GroupLocker locker(of(group)->mutex());
+            if (hold.addGroup(of(group)->node))
+                addQueues(of(group)->children, hold);
         }
     }
 }
 
-void GroupTask::Private::stopQuietly(BaseTask *task)
+// Returns whether the task ended here; somebody else may be ending it.
+bool GroupTask::Private::stopQuietly(BaseTask *task)
 {
-    const QPointer<BaseTask> guarded(task);
+    const std::shared_ptr<TaskLife> life = TaskLife::of(task);
     if (const GroupTask *group = groupOf(task)) {
-        const GroupLocker locker(of(group)->mutex);
-        of(group)->stop({of(group)->children.begin(), of(group)->children.end()}, FinishSubtasks);
+        Private *const nested = of(group);
+        GroupLocker::lockAndCall(nested->mutex(), [nested] {
+            nested->stop({nested->children.begin(), nested->children.end()}, FinishSubtasks);
+        });
     }
-    if (guarded)
-        guarded->finalize();
-    if (guarded)
-        guarded->setFinished();
+    return life->task() && BaseTask::Private::of(task)->finishQuietly();
 }
 
 // No finished() comes from children that were stopped quietly: what it would have done is done here.
 void GroupTask::Private::dropStopped(const QList<Child> &stopped)
 {
     for (const Child &child : stopped) {
-        const TaskHold hold(*child->ref);
+        const TaskVisit visit(child->life);
         // A handler may have run it again.
-        if (!child->isListed || (hold.task() && !hold.task()->isFinished()))
+        if (!child->isListed || (visit.isInside() && !visit.task()->isFinished()))
             continue;
         setPending(child, false);
         setUnstarted(child, false);
-        child->handledRun = hold.task() ? runOf(hold.task()) : child->begunRun.load();
+        child->handledRun = visit.isInside() ? child->life->run() : child->begunRun.load();
         if (cleanupPolicy == DeleteWhenFinished)
             unlistAndDelete(child);
     }
-}
-
-// Unless it has run again.
-void GroupTask::Private::leaveQueue(const TaskRef &ref, quint64 run)
-{
-    const TaskHold hold(ref);
-    const auto task = qobject_cast<Task *>(hold.task());
-    if (task && task->isFinished() && runOf(task) == run)
-        TasksQueueHold::removeFromQueue(task);
 }
 
 GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this))
@@ -556,57 +544,77 @@ GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Pri
 
 GroupTask::~GroupTask()
 {
-    BaseTask::Private::of(this)->clearRef();
-    TaskUse::waitForOthers(this);
-    d->link->close();
-    const GroupLocker locker(d->mutex);
+    d->link->life->retire();
+    d->link->life->waitForVisitors(name());
+    const GroupLocker locker(d->mutex());
     d->cleanup();
     // Connections that are at work on other threads find nothing to do.
     while (!d->children.isEmpty()) {
         const Private::Child child = d->children.first();
         d->unlist(child);
         Private::disconnectChild(child);
+        d->freeWrapper(child);
     }
+}
+
+// Nobody but its group knows the task that was made of a coroutine.
+void GroupTask::Private::freeWrapper(const Child &child) const
+{
+    if (!child->isWrapper || cleanupPolicy == SelfDelete)
+        return;
+    const TaskVisit visit(child->life);
+    if (!visit.isInside())
+        return;
+    visit.task()->setDeleteOnFinished(true);
+    if (visit.task()->isFinished())
+        TaskLife::deleteLater(visit.task());
 }
 
 void GroupTask::append(BaseTask *task)
 {
-    const GroupLocker locker(d->mutex);
-    d->appendTask(task);
+    GroupLocker::lockAndCall(d->mutex(), [this, task] { d->appendTask(task); });
 }
 
 void GroupTask::append(const QList<BaseTask *> &tasks)
 {
-    const GroupLocker locker(d->mutex);
-    const QPointer<GroupTask> self(this);
-    QList<QPointer<BaseTask>> guarded(tasks.cbegin(), tasks.cend());
-    for (const QPointer<BaseTask> &task : std::as_const(guarded)) {
-        if (self)
-            d->appendTask(task);
-    }
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    std::vector<std::shared_ptr<TaskLife>> held;
+    held.reserve(size_t(tasks.size()));
+    for (const BaseTask *task : tasks)
+        held.push_back(task ? TaskLife::of(task) : nullptr);
+    GroupLocker::lockAndCall(d->mutex(), [&] {
+        for (const auto &listed : held) {
+            if (life->task() && listed)
+                d->appendTask(listed->task());
+        }
+    });
 }
 
 void GroupTask::append(QCoro::Task<Error> coroutine)
 {
-    const QPointer<Task> task(new Task(std::move(coroutine), nullptr));
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    auto *task = new Task(std::move(coroutine), nullptr);
+    const std::shared_ptr<TaskLife> taskLife = TaskLife::of(task);
     // A coroutine that completed at once has finished its task before the task could be told to delete itself.
     const bool deletesItself = cleanupPolicy() == SelfDelete && !task->isFinished();
     const bool leftAlone = cleanupPolicy() == SelfDelete && task->isFinished();
     task->setDeleteOnFinished(cleanupPolicy() == SelfDelete);
-    const QPointer<GroupTask> self(this);
-    append(task.data());
-    const bool refused = !self || !d->lists(task);
-    if (task && (leftAlone || (refused && !deletesItself)))
-        task->deleteLater();
+    bool isRefused = true;
+    GroupLocker::lockAndCall(d->mutex(), [&] {
+        d->appendTask(task, true);
+        isRefused = !life->task() || !d->lists(task);
+    });
+    if (taskLife->task() && (leftAlone || (isRefused && !deletesItself)))
+        TaskLife::deleteLater(task);
 }
 
 QList<BaseTask *> GroupTask::subtasks(GetSubtasksModes mode) const
 {
-    const GroupLocker locker(d->mutex);
+    const GroupLocker locker(d->mutex());
     QList<BaseTask *> tasks;
     for (const Private::Child &child : std::as_const(d->children)) {
-        const TaskHold hold(*child->ref);
-        BaseTask *task = hold.task();
+        const TaskVisit visit(child->life);
+        BaseTask *task = visit.task();
         if (!mode.testFlag(Executable) || qobject_cast<Task *>(task))
             tasks.append(task);
         if (const auto group = qobject_cast<GroupTask *>(task); group && mode.testFlag(Recursive))
@@ -627,15 +635,15 @@ QList<Task *> GroupTask::executableSubtasks(bool recursive) const
 
 int GroupTask::pendingChildrenCount() const
 {
-    const GroupLocker locker(d->mutex);
+    const GroupLocker locker(d->mutex());
     return int(std::count_if(d->children.begin(), d->children.end(), [](const Private::Child &child) {
-        const TaskHold hold(*child->ref);
-        return hold.task() && !hold.task()->isFinished();
+        return child->task() && child->life->state() != Finished;
     }));
 }
 
 bool GroupTask::isEmpty() const
 {
+    const GroupLocker locker(d->mutex());
     return d->children.isEmpty();
 }
 
@@ -646,10 +654,11 @@ GroupTask::WaitMode GroupTask::waitMode() const
 
 void GroupTask::setWaitMode(WaitMode mode)
 {
-    const GroupLocker locker(d->mutex);
-    d->waitMode = mode;
-    if (isRunning())
-        d->checkFinished();
+    GroupLocker::lockAndCall(d->mutex(), [this, mode] {
+        d->waitMode = mode;
+        if (isRunning())
+            d->checkFinished();
+    });
 }
 
 GroupTask::CleanupPolicy GroupTask::cleanupPolicy() const
@@ -659,14 +668,14 @@ GroupTask::CleanupPolicy GroupTask::cleanupPolicy() const
 
 void GroupTask::setCleanupPolicy(CleanupPolicy policy)
 {
-    const GroupLocker locker(d->mutex);
+    const GroupLocker locker(d->mutex());
     d->cleanupPolicy = policy;
     if (policy == SelfDelete)
         return;
     for (const Private::Child &child : std::as_const(d->children)) {
-        const TaskHold hold(*child->ref);
-        if (hold.task())
-            hold.task()->setDeleteOnFinished(false);
+        const TaskVisit visit(child->life);
+        if (visit.isInside())
+            visit.task()->setDeleteOnFinished(false);
     }
 }
 
@@ -699,22 +708,23 @@ void GroupTask::cancel()
 {
     if (isFinished())
         return;
-    const QPointer<GroupTask> self(this);
-    const GroupLocker locker(d->mutex);
-    const quint64 use = d->link->use;
-    // A child whose handlers cancel the group when it ends would begin all this again.
-    if (d->cancelingUse == use)
-        return;
-    d->cancelingUse = use;
-    d->cancelUnfinishedChildren();
-    if (self)
-        BaseTask::cancel();
-    if (!self)
-        return;
-    if (d->cancelingUse == use)
-        d->cancelingUse.reset();
-    if (use == d->link->use)
-        d->cleanup();
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    GroupLocker::lockAndCall(d->mutex(), [&] {
+        const quint64 use = d->link->use;
+        // A child whose handlers cancel the group when it ends would begin all this again.
+        if (isFinished() || d->cancelingUse == use)
+            return;
+        d->cancelingUse = use;
+        d->cancelUnfinishedChildren();
+        if (life->task())
+            BaseTask::cancel();
+        if (!life->task())
+            return;
+        if (d->cancelingUse == use)
+            d->cancelingUse.reset();
+        if (use == d->link->use)
+            d->cleanup();
+    });
 }
 
 Error GroupTask::doFinish()
@@ -727,7 +737,12 @@ Error GroupTask::doFinish()
 
 Error GroupTask::unifiedError() const
 {
-    return unifiedError(d->errors);
+    QList<Error> errors;
+    {
+        const GroupLocker locker(d->mutex());
+        errors = d->errors;
+    }
+    return unifiedError(errors);
 }
 
 Error GroupTask::unifiedError(const QList<Error> &errors) const
@@ -739,10 +754,14 @@ Error GroupTask::unifiedError(const QList<Error> &errors) const
 
 void GroupTask::execTask(Task *task)
 {
-    if (TasksQueue *holder = queue())
-        holder->append(task);
-    else
-        task->exec();
+    if (!task)
+        return;
+    const std::shared_ptr<TasksQueueShare> share = BaseTask::Private::of(this)->queueShare();
+    if (!share || !share->queue())
+        return task->exec();
+    const TasksQueueVisit visit(share);
+    if (visit.isInside())
+        share->queue()->append(task);
 }
 
 } // namespace zel

@@ -139,6 +139,7 @@ protected:
 private:
     friend class ComplexTask;
     friend class CustomComplexTask;
+    friend struct GroupChild;
     class Private;
     std::unique_ptr<Private> d;
 };

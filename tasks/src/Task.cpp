@@ -1,7 +1,8 @@
 #include <zel/tasks/Task.h>
 
 #include "BaseTask_p.h"
-#include "TaskUse.h"
+#include "Interleaving.h"
+#include "TaskStart.h"
 #include "Task_p.h"
 #include "TasksLog.h"
 #include "TasksQueue_p.h"
@@ -32,7 +33,7 @@ struct NullProbe : CoroutineAwaiter {
     }
 };
 
-Error unhandledException(const char *what)
+Error unhandled(const char *what)
 {
     qCCritical(tasksLog) << "Unhandled exception:" << what;
     return Error(GeneralError, QString::fromLocal8Bit(what));
@@ -51,9 +52,27 @@ void freeWhenEnded(QThread *thread)
     }
 }
 
+void interrupt(QThread *thread)
+{
+    thread->requestInterruption();
+}
+
+void quit(QThread *thread)
+{
+    thread->quit();
+}
+
+void terminate(QThread *thread)
+{
+    thread->terminate();
+}
+
 QDeadlineTimer deadlineAfter(std::chrono::milliseconds time)
 {
-    return time.count() < 0 ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(time);
+    // In nanoseconds the clock ends after 292 years.
+    constexpr std::chrono::milliseconds longest{9'000'000'000'000};
+    const bool isForever = time.count() < 0 || time > longest;
+    return isForever ? QDeadlineTimer(QDeadlineTimer::Forever) : QDeadlineTimer(time);
 }
 
 } // namespace
@@ -76,7 +95,7 @@ Slot Task::Private::copyOf(const Slot &slot) const
     return slot;
 }
 
-std::shared_ptr<TasksQueueLock> Task::Private::queueLock() const
+std::shared_ptr<TasksQueueShare> Task::Private::queueShare() const
 {
     if (!knownHolder)
         return {};
@@ -84,35 +103,56 @@ std::shared_ptr<TasksQueueLock> Task::Private::queueLock() const
     return holder;
 }
 
-bool Task::Private::claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry)
+bool Task::Private::claimForQueue(std::shared_ptr<TasksQueueShare> share, TasksQueueEntry *entry)
 {
     const QMutexLocker locker(&mutex);
-    if (holder && holder != lock)
+    if (holder && holder != share)
         return false;
-    holder = std::move(lock);
+    holder = std::move(share);
     holderEntry = entry;
     knownHolder.store(holder.get(), std::memory_order_release);
     return true;
 }
 
-void Task::Private::releaseQueueEntry(const TasksQueueLock *lock)
+void Task::Private::releaseQueueEntry(const TasksQueueShare *share)
 {
     const QMutexLocker locker(&mutex);
-    if (holder.get() != lock)
+    if (holder.get() != share)
         return;
     knownHolder.store(nullptr, std::memory_order_release);
     holder.reset();
     holderEntry = nullptr;
 }
 
-quint64 Task::Private::run() const
+bool Task::Private::leaveQueue()
 {
-    return BaseTask::Private::of(q)->run;
+    const auto share = queueShare();
+    if (share)
+        TasksQueue::Private::onTaskDestroyed(share, q);
+    return bool(share);
+}
+
+std::shared_ptr<TasksQueueShare> Task::Private::leaveRun(BaseTask *task)
+{
+    const auto executable = qobject_cast<Task *>(task);
+    const auto share = executable ? executable->d->queueShare() : nullptr;
+    return share && TasksQueue::Private::onTaskIdle(share, executable) ? share : nullptr;
+}
+
+Error Task::Private::unhandledException(const std::exception_ptr &exception)
+{
+    try {
+        std::rethrow_exception(exception);
+    } catch (const std::exception &known) {
+        return unhandled(known.what());
+    } catch (...) {
+        return unhandled("unknown exception");
+    }
 }
 
 // In place of QCoro's then(), which sees neither every exception nor a task that is gone or runs again.
 template <typename Start>
-QCoro::Task<> Task::Private::finishWith(QPointer<Task> task, quint64 run, Start start)
+QCoro::Task<> Task::Private::finishWith(std::shared_ptr<TaskLife> life, quint64 run, Start start)
 {
     Error result;
     try {
@@ -121,70 +161,133 @@ QCoro::Task<> Task::Private::finishWith(QPointer<Task> task, quint64 run, Start 
             throw NullCoroutine();
         result = co_await coroutine;
     } catch (const NullCoroutine &) {
-        qCWarning(tasksLog) << "Task" << (task ? task->name() : QString())
+        const TaskVisit visit(life);
+        qCWarning(tasksLog) << "Task" << (visit.task() ? visit.task()->name() : QString())
                             << "was given a null coroutine: it will never complete";
         co_return;
-    } catch (const std::exception &exception) {
-        result = unhandledException(exception.what());
     } catch (...) {
-        result = unhandledException("unknown exception");
+        result = unhandledException(std::current_exception());
     }
-    if (task && task->d->run() == run)
-        task->finish(result);
+    interleavingPoint("coroutine completed");
+    const TaskVisit visit(life);
+    if (!visit.isInside() || !life->isIn(run))
+        co_return;
+    TaskStart::setReturning(life.get());
+    visit.task()->finish(result);
 }
 
-void Task::Private::execOnWorkingThread()
+void Task::Private::execOnWorkingThread(quint64 run)
 {
     q->deleteWorkingThread();
-    BaseTask::Private::of(q)->hadWorkingThread = true;
-    if (!gate)
-        gate = std::make_shared<WorkGate>();
-    const quint64 ticket = gate->admit();
-    const quint64 startedRun = run();
-    q->createWorkingThread([task = q, entrance = gate, ticket] {
-        const WorkVisit visit(entrance, ticket);
-        return visit.isInside() ? task->doExec() : Error();
-    });
-    QThread *thread = workingThread;
-    connect(
-        thread, &QThread::finished, q, [this, ticket, startedRun] { onThreadFinished(ticket, startedRun); },
-        Qt::QueuedConnection);
-    if (!startThread(thread))
-        q->finish(Error(GeneralError, Task::tr("The working thread could not be started.")));
-}
-
-bool Task::Private::startThread(QThread *thread)
-{
-    // The run may be over, and the task gone, before start() has returned: who frees the thread waits for this lock.
-    const std::shared_ptr<WorkGate> entrance = gate;
-    const QMutexLocker locker(&entrance->startMutex);
-    q->startWorkingThread();
-    return thread->isRunning() || thread->isFinished();
-}
-
-void Task::Private::onThreadFinished(quint64 ticket, quint64 startedRun)
-{
-    if (gate->lastTicket() != ticket)
+    const std::shared_ptr<TaskLife> life = TaskLife::of(q);
+    bool isStarted = false;
+    {
+        const QMutexLocker starting(&startMutex);
+        if (!life->isToWork(run))
+            return;
+        BaseTask::Private::of(q)->hadWorkingThread = true;
+        WorkerThread *thread = makeThread([task = q, life, run] {
+            interleavingPoint("work on a thread");
+            return life->isToWork(run) ? task->doExec() : Error();
+        });
+        // The thread object receives it, which no other thread destroys: the task may be destroyed by whoever waited.
+        connect(
+            thread, &QThread::finished, thread,
+            [life, ticket = lastTicket, run] { onThreadFinished(life, ticket, run); }, Qt::QueuedConnection);
+        thread->start(QThread::InheritPriority);
+        isStarted = thread->isRunning() || thread->isFinished();
+    }
+    interleavingPoint("thread started");
+    if (isStarted || !life->isIn(run))
         return;
-    hasThreadReported = true;
-    if (gate->isAdmitted(ticket) && run() == startedRun)
-        q->finish(workingThread->result().value_or(Error()));
+    TaskStart::setReturning(life.get());
+    q->finish(Error(GeneralError, Task::tr("The working thread could not be started.")));
+}
+
+// A thread enters the task by a ticket, and not when that was revoked meanwhile.
+Task::Private::WorkerThread *Task::Private::makeThread(std::function<Error()> work)
+{
+    const QMutexLocker locker(&mutex);
+    admittedTicket = ++lastTicket;
+    hasThreadReported = false;
+    const auto enter = [life = TaskLife::of(q), ticket = lastTicket, work = std::move(work)] {
+        const TaskVisit visit(life, TaskVisit::Work);
+        const auto task = static_cast<Task *>(visit.task());
+        if (!task || !task->d->isAdmitted(ticket))
+            return Error();
+        try {
+            return work ? work() : Error();
+        } catch (const std::exception &exception) {
+            // Others pass: what unwinds a terminated thread must.
+            return unhandled(exception.what());
+        }
+    };
+    workingThread = new WorkerThread(enter);
+    // exec() may have been called on another thread, perhaps one that has no event loop.
+    workingThread->moveToThread(q->thread());
+    return workingThread;
+}
+
+bool Task::Private::isAdmitted(quint64 ticket) const
+{
+    const QMutexLocker locker(&mutex);
+    return admittedTicket == ticket;
+}
+
+void Task::Private::revokeTicket()
+{
+    const QMutexLocker locker(&mutex);
+    admittedTicket = 0;
+}
+
+Task::Private::WorkerThread *Task::Private::takeThread()
+{
+    const QMutexLocker starting(&startMutex);
+    const QMutexLocker locker(&mutex);
+    admittedTicket = 0;
+    return std::exchange(workingThread, nullptr);
+}
+
+void Task::Private::onThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run)
+{
+    interleavingPoint("thread finished");
+    const TaskVisit visit(life);
+    const auto task = static_cast<Task *>(visit.task());
+    if (!task)
+        return;
+    std::optional<Error> result;
+    {
+        const QMutexLocker locker(&task->d->mutex);
+        if (task->d->lastTicket != ticket)
+            return;
+        task->d->hasThreadReported = true;
+        if (task->d->admittedTicket == ticket && task->d->workingThread)
+            result = task->d->workingThread->result().value_or(Error());
+    }
+    if (result && life->isIn(run))
+        task->finish(*result);
     else
-        q->deleteWorkingThread();
+        task->deleteWorkingThread();
 }
 
 bool Task::Private::isWorkingThread() const
 {
+    const QMutexLocker locker(&mutex);
     return workingThread && workingThread == QThread::currentThread();
 }
 
-bool Task::Private::stopThread(void (*request)(QThread *thread)) const
+bool Task::Private::request(QThread *thread, void (*ask)(QThread *thread)) const
 {
-    QThread *thread = workingThread;
     if (!thread || !thread->isRunning())
         return true;
-    request(thread);
+    ask(thread);
     return thread->wait(deadlineAfter(threadWaitTime));
+}
+
+bool Task::Private::stop(QThread *thread) const
+{
+    return request(thread, interrupt) || request(thread, quit)
+        || (threadTerminationEnabled && request(thread, terminate));
 }
 
 Task::Task(QObject *parent) : Task(Synchronous, parent) { }
@@ -213,29 +316,25 @@ Task::Task(std::function<QCoro::Task<Error>(Task *)> factory, QObject *parent) :
 
 Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, parent)
 {
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
     setRunning();
     static_cast<void>(Private::finishWith(
-        this, d->run(), [coroutine = std::move(coroutine)]() mutable { return std::move(coroutine); }));
+        life, life->run(), [coroutine = std::move(coroutine)]() mutable { return std::move(coroutine); }));
 }
 
 Task::~Task()
 {
-    const auto leaveQueue = [this] {
-        const auto lock = d->queueLock();
-        if (lock)
-            TasksQueue::Private::onTaskDestroyed(lock, this);
-        return bool(lock);
-    };
-    BaseTask::Private::of(this)->clearRef();
-    leaveQueue();
-    TaskUse::waitForOthers(this);
+    TaskLife *const life = TaskLife::of(this).get();
+    life->retire();
+    d->leaveQueue();
+    life->waitForVisitors(name());
+    life->setWhole(this);
     Q_EMIT aboutToDestroy();
+    life->setWhole(nullptr);
     // A handler, or another thread, may have appended it again.
-    if (leaveQueue())
-        TaskUse::waitForOthers(this);
+    if (d->leaveQueue())
+        life->waitForVisitors(name());
     stopWorkingThread();
-    // What the work captured is destroyed next, and may complete its coroutine.
-    ++BaseTask::Private::of(this)->run;
 }
 
 void Task::setFunction(std::function<Error()> function)
@@ -291,11 +390,11 @@ void Task::setPriority(int priority)
 {
     if (d->priority.exchange(priority) == priority)
         return;
-    const auto lock = d->queueLock();
-    const QPointer<Task> self(lock ? this : nullptr);
+    const auto share = d->queueShare();
+    const std::shared_ptr<TaskLife> life = share ? TaskLife::of(this) : nullptr;
     Q_EMIT priorityChanged(priority);
-    if (self)
-        TasksQueue::Private::onTaskPriorityChanged(lock, this);
+    if (life && life->task())
+        TasksQueue::Private::onTaskPriorityChanged(share, this);
 }
 
 std::chrono::milliseconds Task::threadWaitTime() const
@@ -305,7 +404,7 @@ std::chrono::milliseconds Task::threadWaitTime() const
 
 void Task::setThreadWaitTime(long msec)
 {
-    d->threadWaitTime = std::chrono::milliseconds(msec);
+    setThreadWaitTime(std::chrono::milliseconds(msec));
 }
 
 void Task::setThreadWaitTime(std::chrono::milliseconds msec)
@@ -332,33 +431,40 @@ void Task::bindMutually(const Task *task)
             [target = const_cast<Task *>(task)](int priority) { target->setPriority(priority); });
 }
 
+// A run is started once, whichever threads try, and nothing is started of one that has ended meanwhile.
 void Task::exec()
 {
-    const QPointer<Task> self(this);
-    const quint64 run = BaseTask::Private::of(this)->nextRun();
-    const auto goesOn = [&self, run] { return self && self->d->run() == run; };
-    setRunning();
-    if (!goesOn())
+    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
+    const quint64 seenRun = life->run();
+    const TaskVisit visit(life);
+    TaskStart *const start = TaskStart::unusedOf(life.get());
+    const auto change = visit.isInside() ? life->begin(start ? start->use() : 0, seenRun) : std::nullopt;
+    if (!change)
+        return;
+    const TasksQueueAbsence absence(start ? start->share() : nullptr);
+    const quint64 run = change->run;
+    BaseTask::Private::of(this)->announceRunning(*change);
+    interleavingPoint("before the work");
+    if (!life->isToWork(run))
         return;
 
     switch (d->executionMode) {
     case WorkingThread:
-        d->execOnWorkingThread();
+        d->execOnWorkingThread(run);
         break;
     case Coroutine:
-        static_cast<void>(Private::finishWith(this, run, [this] { return co_doExec(); }));
+        static_cast<void>(Private::finishWith(life, run, [this] { return co_doExec(); }));
         break;
-    case Synchronous: {
-        const Error result = doExec();
-        if (goesOn())
-            finish(result);
-        break;
-    }
+    case Synchronous:
     case Asynchronous:
     default: {
+        const bool isSynchronous = d->executionMode == Synchronous;
         const Error result = doExec();
-        if (goesOn() && result.hasError())
-            finish(result);
+        interleavingPoint("work returned");
+        if (!life->isIn(run) || (!isSynchronous && !result.hasError()))
+            break;
+        TaskStart::setReturning(life.get());
+        finish(result);
         break;
     }
     }
@@ -383,8 +489,8 @@ void Task::setCountAsRunning(bool countAsRunning)
 {
     d->countAsRunning = countAsRunning;
     // The queue keeps a count instead of asking all running tasks.
-    if (const auto lock = d->queueLock())
-        TasksQueue::Private::recount(lock, this);
+    if (const auto share = d->queueShare())
+        TasksQueue::Private::recount(share, this);
 }
 
 Error Task::doExec()
@@ -395,7 +501,7 @@ Error Task::doExec()
     if (const auto plain = std::get_if<std::function<Error()>>(&function)) {
         // Such work does not know its task, which need not wait for it. A subclass may, around this call.
         if (typeid(*this) == typeid(Task))
-            WorkVisit::leave(d->gate.get());
+            TaskVisit::leaveWork(TaskLife::of(this).get());
         return (*plain)();
     }
     if (const auto withTask = std::get_if<std::function<Error(Task *)>>(&function))
@@ -423,8 +529,8 @@ QCoro::Task<Error> Task::co_doExec()
 void Task::finalize()
 {
     // Work that ends its own task runs out, and its thread is let go of when it has ended.
-    if (d->isWorkingThread() && d->gate)
-        d->gate->revoke();
+    if (d->isWorkingThread())
+        d->revokeTicket();
     else
         deleteWorkingThread();
     BaseTask::finalize();
@@ -433,49 +539,44 @@ void Task::finalize()
 void Task::createWorkingThread(std::function<Error()> function)
 {
     deleteWorkingThread();
-    d->hasThreadReported = false;
-    d->workingThread = new ResultFunctionThread<Error>(std::move(function));
-    // exec() may have been called on another thread, perhaps one that has no event loop.
-    d->workingThread->moveToThread(thread());
+    const QMutexLocker starting(&d->startMutex);
+    d->makeThread(std::move(function));
 }
 
 void Task::startWorkingThread()
 {
+    const QMutexLocker starting(&d->startMutex);
     if (d->workingThread)
         d->workingThread->start(QThread::InheritPriority);
 }
 
 bool Task::interruptWorkingThread()
 {
-    return d->stopThread([](QThread *thread) { thread->requestInterruption(); });
+    return d->request(d->workingThread, interrupt);
 }
 
 bool Task::quitWorkingThread()
 {
-    return d->stopThread([](QThread *thread) { thread->quit(); });
+    return d->request(d->workingThread, quit);
 }
 
 bool Task::terminateWorkingThread()
 {
-    return d->threadTerminationEnabled && d->stopThread([](QThread *thread) { thread->terminate(); });
+    return d->threadTerminationEnabled && d->request(d->workingThread, terminate);
 }
 
 void Task::deleteWorkingThread()
 {
-    QThread *thread = d->workingThread;
+    interleavingPoint("delete thread");
+    QThread *thread = d->takeThread();
     if (!thread)
         return;
-    if (d->gate)
-        d->gate->revoke();
-    const bool isOwnThread = d->isWorkingThread();
+    const bool isOwnThread = thread == QThread::currentThread();
     if (thread->isRunning()) {
         QObject::disconnect(thread, nullptr, nullptr, nullptr);
-        if (!isOwnThread && !(interruptWorkingThread() || quitWorkingThread() || terminateWorkingThread()))
+        if (!isOwnThread && !d->stop(thread))
             qCWarning(tasksLog) << "Could not kill working thread for task" << name();
     }
-    d->workingThread.clear();
-    if (d->gate)
-        const QMutexLocker started(&d->gate->startMutex);
     if (thread->isRunning()) {
         freeWhenEnded(thread);
         return;
@@ -489,8 +590,7 @@ void Task::deleteWorkingThread()
 void Task::stopWorkingThread()
 {
     deleteWorkingThread();
-    if (d->gate)
-        d->gate->waitUntilLeft(name());
+    TaskLife::of(this)->waitForWorkers(name());
 }
 
 } // namespace zel

@@ -21,8 +21,8 @@ namespace zel {
  * Threads:   as BaseTask. In WorkingThread mode the work runs on a thread of its own and everything else, finished()
  *            included, in the task's thread, which needs an event loop.
  * Errors:    the error that the work returns is the task's. Exceptions that leave a plain function pass through exec()
- *            and leave the task Running; on a working thread they end the process, as in any QThread; those that
- *            leave a coroutine end the task with GeneralError and their text.
+ *            and leave the task Running; those that leave a coroutine, and a std::exception on a working thread, end
+ * the task with GeneralError and their text, and with a critical line in "zel.tasks".
  */
 class ZEL_TASKS_EXPORT Task : public BaseTask {
     Q_OBJECT
@@ -174,6 +174,8 @@ protected:
     void stopWorkingThread();
 
 private:
+    friend class BaseTask;
+    friend class ComplexTask;
     friend class TasksQueue;
     friend class TasksQueueHold;
     class Private;

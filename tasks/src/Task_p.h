@@ -1,22 +1,22 @@
 #pragma once
 
 #include "ResultFunctionThread.h"
-#include "WorkGate.h"
+#include "TaskLife.h"
 
 #include <zel/tasks/Task.h>
 
 #include <QMutex>
-#include <QPointer>
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <variant>
 
 namespace zel {
 
-class TasksQueueLock;
+class TasksQueueShare;
 struct TasksQueueEntry;
 
 class Q_DECL_HIDDEN Task::Private {
@@ -24,6 +24,7 @@ public:
     using PlainFunction = std::variant<std::monostate, std::function<Error()>, std::function<Error(Task *)>>;
     using CoroutineFactory =
         std::variant<std::monostate, std::function<QCoro::Task<Error>()>, std::function<QCoro::Task<Error>(Task *)>>;
+    using WorkerThread = ResultFunctionThread<Error>;
 
     Private(Task *task, ExecutionMode mode) : q(task), executionMode(mode) { }
 
@@ -32,48 +33,65 @@ public:
     void store(Slot &slot, Function stored);
     template <typename Slot>
     Slot copyOf(const Slot &slot) const;
-    std::shared_ptr<TasksQueueLock> queueLock() const;
+    /// Of the queue that holds this task; null when none does.
+    std::shared_ptr<TasksQueueShare> queueShare() const;
     /// Returns false when another queue has taken the task.
-    bool claimForQueue(std::shared_ptr<TasksQueueLock> lock, TasksQueueEntry *entry);
+    bool claimForQueue(std::shared_ptr<TasksQueueShare> share, TasksQueueEntry *entry);
     /// Unless another queue has taken the task.
-    void releaseQueueEntry(const TasksQueueLock *lock);
+    void releaseQueueEntry(const TasksQueueShare *share);
 
-    /// Called with \a lock held; null when another queue has the task, or none.
-    TasksQueueEntry *queueEntry(const TasksQueueLock *lock) const { return knownHolder == lock ? holderEntry : nullptr; }
+    /// Called with the lock of that queue held; null when another queue has the task, or none.
+    TasksQueueEntry *queueEntry(const TasksQueueShare *share) const
+    {
+        return knownHolder == share ? holderEntry : nullptr;
+    }
 
-    /// Finishes \a task, if it is still there and in that run, with the outcome of the coroutine that start() gives.
+    /// Has the queue that holds the task forget it, which is being destroyed. Returns whether there was one.
+    bool leaveQueue();
+    /// Tells the queue that holds \a task, if there is one, that it is idle again. Returns whom a dispatch is owed.
+    static std::shared_ptr<TasksQueueShare> leaveRun(BaseTask *task);
+
+    /// Logs an exception of whatever type, and makes it an outcome.
+    static Error unhandledException(const std::exception_ptr &exception);
+    /// Finishes the task, if it is still there and in that run, with the outcome of the coroutine that start() gives.
     template <typename Start>
-    static QCoro::Task<> finishWith(QPointer<Task> task, quint64 run, Start start);
+    static QCoro::Task<> finishWith(std::shared_ptr<TaskLife> life, quint64 run, Start start);
 
-    quint64 run() const;
-    void execOnWorkingThread();
-    bool startThread(QThread *thread);
+    void execOnWorkingThread(quint64 run);
+    /// Takes the place of the one that there was, which was let go of.
+    WorkerThread *makeThread(std::function<Error()> work);
+    bool isAdmitted(quint64 ticket) const;
+    void revokeTicket();
+    WorkerThread *takeThread();
     bool isWorkingThread() const;
-    void onThreadFinished(quint64 ticket, quint64 startedRun);
-    bool stopThread(void (*request)(QThread *thread)) const;
+    static void onThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run);
+    bool request(QThread *thread, void (*ask)(QThread *thread)) const;
+    bool stop(QThread *thread) const;
 
     Task *const q;
-    std::chrono::milliseconds threadWaitTime{10};
-    bool threadTerminationEnabled = true;
-    PlainFunction function;
-    CoroutineFactory coroutineFunction;
-    ExecutionMode executionMode;
-    /// The thread of the present run; let go of by deleteWorkingThread().
-    QPointer<ResultFunctionThread<Error>> workingThread;
-    bool hasThreadReported = false; ///< its finished() has arrived
+    std::atomic<std::chrono::milliseconds> threadWaitTime{std::chrono::milliseconds(10)};
+    std::atomic<bool> threadTerminationEnabled = true;
+    std::atomic<ExecutionMode> executionMode;
     // Read by queues in other threads.
     std::atomic<bool> triggersNext{true};
     std::atomic<int> priority{1};
     std::atomic<bool> countAsRunning{true};
-    /// Where working threads enter the task; made by the first of them.
-    std::shared_ptr<WorkGate> gate;
-    /// Guards the two functions, which working threads copy, and what follows.
+    /// Held while a thread is made and started: who takes it away waits for that.
+    QMutex startMutex;
+    /// Guards what follows.
     mutable QMutex mutex;
+    PlainFunction function;
+    CoroutineFactory coroutineFunction;
+    /// The thread of the present run; whoever takes it out lets go of it.
+    WorkerThread *workingThread = nullptr;
+    quint64 lastTicket = 0;
+    quint64 admittedTicket = 0;                  ///< of the thread that may enter the task
+    std::atomic<bool> hasThreadReported = false; ///< its finished() has arrived
     /// The queue that holds this task, pending or running, and what it knows of it.
-    std::shared_ptr<TasksQueueLock> holder;
+    std::shared_ptr<TasksQueueShare> holder;
     TasksQueueEntry *holderEntry = nullptr;
     /// The same queue for who has its lock: only then the two above stay as they are.
-    std::atomic<const TasksQueueLock *> knownHolder = nullptr;
+    std::atomic<const TasksQueueShare *> knownHolder = nullptr;
 };
 
 } // namespace zel

@@ -1,6 +1,8 @@
 #include <zel/tasks/TasksQueue.h>
 
-#include "TaskUse.h"
+#include "GroupLocker.h"
+#include "Interleaving.h"
+#include "TaskStart.h"
 #include "Task_p.h"
 #include "TasksLog.h"
 #include "TasksQueue_p.h"
@@ -8,218 +10,307 @@
 #include <QScopeGuard>
 #include <QThread>
 
-#include <optional>
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace zel {
 
 namespace {
 
-/// One call of Task::exec() by a queue, on the stack of the thread that makes it. Without an entry, a dispatch that
-/// comes from an event loop on top of such a call.
-class DispatchFrame {
-public:
-    explicit DispatchFrame(TasksQueueLock *queueLock, const TasksQueueEntry *startedEntry = nullptr)
-        : lock(queueLock)
-        , entry(startedEntry)
-        , stay(startedEntry ? startedEntry->stay : 0)
-        , loopLevel(QThread::currentThread()->loopLevel())
-        , m_outer(std::exchange(innermost, this))
+using Lock = QMutexLocker<QMutex>;
+
+// Dispatches nest where work that goes on ends its own task; beyond that, what is to start is left to those below.
+constexpr int deepestNesting = 50;
+
+/// A task of the queue is being destroyed on this thread.
+struct Destruction {
+    Destruction(const TasksQueueShare *queueShare, bool isOnForeignThread)
+        : share(queueShare)
+        , isForeign(isOnForeignThread)
+        , outer(std::exchange(innermost, this))
     {
-        if (entry)
-            m_use.emplace(entry->task);
     }
-    ~DispatchFrame() { innermost = m_outer; }
-    Q_DISABLE_COPY_MOVE(DispatchFrame)
+    ~Destruction() { innermost = outer; }
+    Q_DISABLE_COPY_MOVE(Destruction)
 
-    static const DispatchFrame *innermostOf(const TasksQueueLock *lock)
+    static const Destruction *of(const TasksQueueShare *share)
     {
-        const DispatchFrame *frame = innermost;
-        while (frame && frame->lock != lock)
-            frame = frame->m_outer;
-        return frame;
+        const Destruction *destruction = innermost;
+        while (destruction && destruction->share != share)
+            destruction = destruction->outer;
+        return destruction;
     }
 
-    TasksQueueLock *const lock;
-    const TasksQueueEntry *const entry;
-    const quint64 stay;
-    const int loopLevel;
-
-private:
-    static thread_local DispatchFrame *innermost;
-    std::optional<TaskUse> m_use;
-    DispatchFrame *const m_outer;
+    const TasksQueueShare *const share;
+    const bool isForeign; ///< its dispatch is posted to the queue's thread
+    Destruction *const outer;
+    static thread_local Destruction *innermost;
 };
 
-thread_local DispatchFrame *DispatchFrame::innermost = nullptr;
+thread_local Destruction *Destruction::innermost = nullptr;
+
+/// The end of a task is being handled on this thread. The queue lets go of the task before it dispatches.
+struct Handling {
+    Handling() : outer(std::exchange(innermost, this)) { }
+    ~Handling() { innermost = outer; }
+    Q_DISABLE_COPY_MOVE(Handling)
+
+    static Handling *of(const Task *task)
+    {
+        Handling *handling = innermost;
+        while (handling && handling->task != task)
+            handling = handling->outer;
+        return handling;
+    }
+    /// With the queue's lock held: the task is handed to deleteLater() if it is to be.
+    void drop()
+    {
+        if (std::exchange(deletes, false))
+            TaskLife::deleteLater(task);
+    }
+
+    Task *task = nullptr;
+    std::optional<TaskVisit> visit;
+    bool deletes = false;
+    Handling *const outer;
+    static thread_local Handling *innermost;
+};
+
+thread_local Handling *Handling::innermost = nullptr;
+
+thread_local TasksQueueHand *innermostHand = nullptr;
 
 } // namespace
 
-void TasksQueueLock::postDispatch()
+TasksQueueHand::TasksQueueHand(const TasksQueueShare *queueShare)
+    : share(queueShare)
+    , m_outer(std::exchange(innermostHand, this))
 {
-    if (!queue || std::exchange(dispatchPosted, true))
-        return;
-    const auto dispatch = [lock = shared_from_this(), dispatched = queue] {
-        TasksQueueLocker locker(lock);
-        lock->dispatchPosted = false;
-        static_cast<void>(locker.unlock());
-        const DispatchFrame fromEventLoop(lock.get());
-        dispatched->tryExec();
-    };
-    QMetaObject::invokeMethod(context, dispatch, Qt::QueuedConnection);
 }
 
-TasksQueueLocker::TasksQueueLocker(const std::shared_ptr<TasksQueueLock> &lock) : m_lock(lock.get())
+TasksQueueHand::~TasksQueueHand()
 {
-    m_lock->mutex.lock();
-    if (++m_lock->depth == 1)
-        TaskUse::addHeldLocks(1);
+    innermostHand = m_outer;
 }
 
-TasksQueueLocker::~TasksQueueLocker()
+TasksQueueHand *TasksQueueHand::emptyOf(const TasksQueueShare *share)
 {
-    if (!m_isLocked)
-        return;
-    if (m_lock->depth == 1 && m_lock->passesOwed > 0)
-        m_lock->postDispatch();
-    static_cast<void>(unlock());
+    return innermostHand && innermostHand->share == share && !innermostHand->entry ? innermostHand : nullptr;
 }
 
-int TasksQueueLocker::unlock()
+// Called with the lock held, under which the task cannot be destroyed.
+bool TasksQueueHand::take(TasksQueueEntry *taken)
 {
-    m_isLocked = false;
-    const bool isOutermost = --m_lock->depth == 0;
-    const int passes = isOutermost ? std::exchange(m_lock->passesOwed, 0) : 0;
-    if (isOutermost)
-        TaskUse::addHeldLocks(-1);
-    m_lock->mutex.unlock();
-    return passes;
+    life = TaskLife::of(taken->task);
+    visit.emplace(life);
+    taken->claim = visit->isInside() ? life->claimStart(true) : 0;
+    if (taken->claim == 0) {
+        visit.reset();
+        return false;
+    }
+    entry = taken;
+    task = taken->task;
+    stay = taken->stay;
+    claim = taken->claim;
+    return true;
 }
 
 TasksQueue::Private::Private(TasksQueue *queue)
     : q(queue)
-    , lock(std::make_shared<TasksQueueLock>(queue, this))
+    , share(std::make_shared<TasksQueueShare>(queue, this))
     , maxRunning(qMax(QThread::idealThreadCount(), 1))
 {
 }
 
 TasksQueue::Private::~Private() = default;
 
-bool TasksQueue::Private::changeState(State newState)
+std::shared_ptr<TasksQueueShare> TasksQueueShare::of(const TasksQueue *queue)
 {
-    const TasksQueueLocker locker(lock);
-    return std::exchange(state, newState) != newState;
+    return queue ? queue->d->share : nullptr;
 }
 
-// Inside other operations than clear(), a dispatch waits until they let go of the lock.
-bool TasksQueue::Private::owesDispatch()
+// Announced in the order of the changes: when another thread is announcing one, it goes on with this one.
+template <typename Condition>
+void TasksQueue::Private::changeState(State newState, Condition isMeant)
 {
-    const TasksQueueLocker locker(lock);
-    if (lock->holds > 0) {
-        lock->isDispatchHeld = true;
-        return true;
+    {
+        const Lock locker(&share->mutex);
+        if (state == newState || !isMeant())
+            return;
+        state = newState;
+        if (m_announcer && m_announcer != QThread::currentThreadId()) {
+            m_announcements.push_back(newState);
+            return;
+        }
     }
-    if (lock->depth == 1 || lock->clearing > 0)
+    announce(newState);
+}
+
+void TasksQueue::Private::announce(State announced)
+{
+    const Share shared = share;
+    TasksQueue *const queue = q;
+    Lock locker(&shared->mutex);
+    const bool isOutermost = !std::exchange(m_announcer, QThread::currentThreadId());
+    const auto released = qScopeGuard([&] {
+        if (isOutermost && shared->queue()) {
+            locker.relock();
+            m_announcer = nullptr;
+            locker.unlock();
+        }
+    });
+    locker.unlock();
+    interleavingPoint("queue state changed");
+    Q_EMIT queue->stateChanged(announced);
+    while (isOutermost && shared->queue()) {
+        locker.relock();
+        if (m_announcements.empty()) {
+            m_announcer = nullptr;
+            locker.unlock();
+            return;
+        }
+        const State next = m_announcements.front();
+        m_announcements.pop_front();
+        locker.unlock();
+        Q_EMIT queue->stateChanged(next);
+    }
+}
+
+// Returns false when the rest of the pass is none of the caller's business: the queue is gone, or somebody else goes on
+// with it. What work throws leaves when everything that may start has been started.
+bool TasksQueue::Private::startPending(quint64 &servedRequests)
+{
+    const Share shared = share;
+    TasksQueue *const queue = q;
+    std::exception_ptr thrown;
+    const auto startAll = [&] {
+        for (;;) {
+            TasksQueueHand hand(shared.get());
+            {
+                const Lock locker(&shared->mutex);
+                if (!shared->queue() || !shared->mayDispatch())
+                    return false;
+                // Whoever frees a slot goes on.
+                if (countedRunning >= maxRunning || state != Working)
+                    return maxRunning <= 0;
+                servedRequests = requests;
+            }
+            if (leavesStartToOthers())
+                return false;
+            Task *task = queue->dequeueTask();
+            interleavingPoint("dequeued");
+            if (!shared->queue())
+                return false;
+            if (!task) {
+                qCInfo(tasksLog) << "No more tasks in the queue " << queue->name();
+                return true;
+            }
+            if (!take(hand, task))
+                continue;
+            try {
+                const TaskStart start(hand.life, hand.claim, shared.get());
+                queue->exec(task);
+            } catch (const abi::__forced_unwind &) {
+                throw;
+            } catch (...) {
+                if (Destruction::of(shared.get())) {
+                    // Nothing may leave a destructor.
+                    const Error error = Task::Private::unhandledException(std::current_exception());
+                    if (hand.visit->task())
+                        task->finish(error);
+                    continue;
+                }
+                if (shared->queue())
+                    abandonStart(hand);
+                if (thrown)
+                    static_cast<void>(Task::Private::unhandledException(std::current_exception()));
+                else
+                    thrown = std::current_exception();
+            }
+        }
+    };
+    const bool goesOn = startAll();
+    if (thrown)
+        std::rethrow_exception(thrown);
+    return goesOn;
+}
+
+// When work of ours has returned and its end is being handled, the loop below goes on, so that the stack stays flat;
+// unless an event loop runs on top, in which somebody may wait for the very task that is to be started.
+bool TasksQueue::Private::leavesStartToOthers() const
+{
+    const TaskStart *start = TaskStart::innermostOf(share.get());
+    if (!start || !start->isOfTask() || QThread::currentThread()->loopLevel() > start->loopLevel())
         return false;
-    ++lock->passesOwed;
+    if (!start->isReturning() && start->depth() < deepestNesting)
+        return false;
+    if (q->isEmpty())
+        return false;
+    if (!start->isReturning()) {
+        const Lock locker(&share->mutex);
+        share->postDispatch();
+    }
     return true;
 }
 
-TasksQueue::Private::Decision TasksQueue::Private::decide()
+// Returns false when the task is not to be started: it was taken out meanwhile, or a subclass's dequeueTask() gave one
+// that is not idle.
+bool TasksQueue::Private::take(TasksQueueHand &hand, Task *task)
 {
-    const TasksQueueLocker locker(lock);
-    if (state == Paused)
-        return {Decision::StayPaused, false};
-    const bool hasNothingToDo = countedRunning == 0 && q->isEmpty();
-    const State reached = hasNothingToDo ? Idle : Working;
-    const bool stateChanged = std::exchange(state, reached) != reached;
-    return {hasNothingToDo ? Decision::BecomeIdle : Decision::Start, stateChanged};
-}
-
-// Returns false when the rest of the pass is none of the caller's business: the queue is gone, or somebody else on
-// the stack goes on with it.
-bool TasksQueue::Private::startPending()
-{
-    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
-    Entry *entry = nullptr;
-    for (quint64 stay = 0;;) {
-        TasksQueueLocker locker(sharedLock);
-        if (!sharedLock->queue)
-            return false;
-        if (entry && entry->stay == stay)
-            entry->startingThread = nullptr;
-        if (countedRunning >= maxRunning || state != Working)
-            return true;
-        if (!q->isEmpty() && leavesStartToOthers())
-            return false;
-        Task *task = q->dequeueTask();
-        if (!task) {
-            qCInfo(tasksLog) << "No more tasks in the queue " << name;
-            return true;
-        }
-        if (!task->isIdle()) {
-            forget(entryOf(task));
-            continue;
-        }
-        entry = setRunning(task);
+    const Lock locker(&share->mutex);
+    if (!share->queue())
+        return false;
+    if (hand.entry && hand.task != task) {
+        hand.life->releaseStart(hand.claim);
+        hand.entry = nullptr;
+    }
+    if (!hand.entry) {
+        Entry *entry = ensureEntry(task);
         if (!entry)
-            continue;
-        stay = entry->stay;
-        entry->startingThread = QThread::currentThreadId();
-        const DispatchFrame frame(sharedLock.get(), entry);
-        static_cast<void>(locker.unlock());
-        try {
-            q->exec(task);
-        } catch (...) {
-            const TasksQueueLocker afterThrow(sharedLock);
-            if (sharedLock->queue)
-                abandonStart(entry, stay);
-            throw;
+            return false;
+        if (!task->isIdle() || !hand.take(entry)) {
+            forget(entry);
+            return false;
         }
     }
-}
-
-bool TasksQueue::Private::becomeIdleAfterPass()
-{
-    const TasksQueueLocker locker(lock);
-    if (countedRunning > 0 || state != Working)
+    if (hand.entry->stay != hand.stay || hand.entry->place == Entry::Leaving)
         return false;
-    state = Idle;
+    move(hand.entry, Entry::Running, running, running.end());
+    setCounted(hand.entry, task->countAsRunning());
     return true;
 }
 
-bool TasksQueue::Private::takeFromOtherQueue(Task *task)
+// The work threw: its slot is free.
+void TasksQueue::Private::abandonStart(const TasksQueueHand &hand)
 {
-    const std::shared_ptr<TasksQueueLock> other = task->d->queueLock();
-    if (!other)
-        return true;
-    const bool isRefused = task->priority() < 0 || task->priority() > q->maxPriority();
-    // With no other queue's lock. Its dispatch is posted: none of its tasks is started in here.
-    const TasksQueueLocker locker(other);
-    const Entry *entry = task->d->queueEntry(other.get());
-    if (entry && entry->isBeingStartedElsewhere())
-        return false;
-    if (other != lock && other->queue && !isRefused)
-        other->queue->removeTask(task);
-    return true;
-}
-
-void TasksQueue::Private::dispatch(int passes)
-{
-    // Those behind the first one find nothing to do, but whoever reads the log is told of them.
-    if (!tasksLog().isInfoEnabled())
-        passes = qMin(passes, 1);
-    const QPointer<TasksQueue> queue(q);
-    for (; queue && passes > 0; --passes)
-        queue->tryExec();
-}
-
-void TasksQueue::Private::recount(const std::shared_ptr<TasksQueueLock> &lock, const Task *task)
-{
-    const TasksQueueLocker locker(lock);
-    if (!lock->queue)
+    const Lock locker(&share->mutex);
+    if (!share->queue() || hand.entry->stay != hand.stay)
         return;
-    auto *queue = lock->queue->d.get();
+    Task *task = hand.entry->task;
+    forget(hand.entry);
+    task->setQueue(nullptr);
+}
+
+void TasksQueue::Private::takeFromOtherQueue(Task *task)
+{
+    const Share other = task->d->queueShare();
+    const bool isRefused = task->priority() < 0 || task->priority() > q->maxPriority();
+    if (!other || other == share || isRefused)
+        return;
+    const TasksQueueVisit visit(other);
+    if (visit.isInside())
+        other->queue()->removeTask(task);
+}
+
+void TasksQueue::Private::recount(const Share &share, const Task *task)
+{
+    const Lock locker(&share->mutex);
+    if (!share->queue())
+        return;
+    auto *queue = share->queue()->d.get();
     Entry *entry = queue->entryOf(task);
     if (entry && entry->place == Entry::Running)
         queue->setCounted(entry, task->countAsRunning());
@@ -227,7 +318,7 @@ void TasksQueue::Private::recount(const std::shared_ptr<TasksQueueLock> &lock, c
 
 TasksQueue::Private::Entry *TasksQueue::Private::entryOf(const Task *task) const
 {
-    return task->d->queueEntry(lock.get());
+    return task->d->queueEntry(share.get());
 }
 
 // A new stay begins when the queue does not hold the task.
@@ -240,7 +331,7 @@ TasksQueue::Private::Entry *TasksQueue::Private::ensureEntry(Task *task)
         unused.front().self = unused.begin();
     }
     Entry *entry = &unused.front();
-    if (!task->d->claimForQueue(lock, entry))
+    if (!task->d->claimForQueue(share, entry))
         return nullptr;
     entry->task = task;
     entry->stay = ++lastStay;
@@ -257,11 +348,6 @@ bool TasksQueue::Private::isPending(const Task *task) const
 bool TasksQueue::Private::insert(Task *task, EnqueueMode mode)
 {
     Entry *entry = ensureEntry(task);
-    if (entry && entry->place == Entry::Running) {
-        // It was set idle by hand and begins a new stay; its slot is free.
-        forget(entry);
-        entry = ensureEntry(task);
-    }
     if (!entry)
         return false;
     const int priority = task->priority();
@@ -269,6 +355,13 @@ bool TasksQueue::Private::insert(Task *task, EnqueueMode mode)
     move(entry, Entry::Ready, level, mode == Prepend ? level.begin() : level.end());
     entry->priority = priority;
     entry->order = mode == Prepend ? --firstOrder : ++lastOrder;
+    // A pass that has looked already must not make the queue Idle.
+    ++requests;
+    TasksQueueClearing *clearing = clearingOfThisThread();
+    if (clearing && clearing->isTreatingPending) {
+        entry->clearing = clearing;
+        ++clearing->added;
+    }
     return true;
 }
 
@@ -281,14 +374,24 @@ TasksQueue::Private::Entry *TasksQueue::Private::nextReady()
     return listed->turn() < back->turn() ? listed : back;
 }
 
-Task *TasksQueue::Private::takeNextIdle()
+Task *TasksQueue::Private::takeNextIdle(TasksQueueHand *hand)
 {
     while (Entry *entry = nextReady()) {
-        if (entry->task->isIdle()) {
-            takeOut(entry);
+        if (hand ? hand->take(entry) : entry->task->isIdle()) {
+            if (hand)
+                move(entry, Entry::Claimed, claimed, claimed.end());
+            else
+                takeOut(entry);
             return entry->task;
         }
-        park(entry);
+        // Out of the way of every later dispatch, until the task is idle again and gets its place back.
+        move(entry, Entry::Parked, parked, parked.end());
+        const TaskLife *life = TaskLife::of(entry->task).get();
+        if (life->isFree() && life->task()) {
+            // It was set idle meanwhile: the call that told of it waits for the lock, or has gone by.
+            move(entry, Entry::Returned, returned, returned.end());
+            returnedByTurn.emplace(entry->turn(), entry);
+        }
     }
     return nullptr;
 }
@@ -296,16 +399,6 @@ Task *TasksQueue::Private::takeNextIdle()
 void TasksQueue::Private::takeOut(Entry *entry)
 {
     move(entry, Entry::Outside, outside, outside.end());
-}
-
-TasksQueue::Private::Entry *TasksQueue::Private::setRunning(Task *task)
-{
-    Entry *entry = ensureEntry(task);
-    if (!entry)
-        return nullptr;
-    move(entry, Entry::Running, running, running.end());
-    setCounted(entry, task->countAsRunning());
-    return entry;
 }
 
 // Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds
@@ -317,13 +410,15 @@ void TasksQueue::Private::follow(Entry *entry)
     entry->connectionType = connectionType;
     entry->finished = connect(
         entry->task, &BaseTask::finished, this,
-        [this, task = QPointer<Task>(entry->task), entry, stay = entry->stay] { onTaskFinished(task, entry, stay); },
+        [shared = share, life = TaskLife::of(entry->task), entry, stay = entry->stay] {
+            onTaskEnded(shared, life, entry, stay);
+        },
         connectionType);
     if (connectionType == Qt::QueuedConnection)
         return;
     entry->priorityChanged = connect(
-        entry->task, &Task::priorityChanged, this, [this, entry, stay = entry->stay] { readd(entry, stay); },
-        connectionType);
+        entry->task, &Task::priorityChanged, this,
+        [shared = share, entry, stay = entry->stay] { readd(shared, entry, stay); }, connectionType);
 }
 
 void TasksQueue::Private::unfollow(Entry *entry)
@@ -331,7 +426,6 @@ void TasksQueue::Private::unfollow(Entry *entry)
     entry->isFollowed = false;
     disconnect(std::exchange(entry->finished, {}));
     disconnect(std::exchange(entry->priorityChanged, {}));
-    disconnect(std::exchange(entry->idle, {}));
 }
 
 void TasksQueue::Private::forget(Entry *entry)
@@ -339,156 +433,215 @@ void TasksQueue::Private::forget(Entry *entry)
     if (!entry)
         return;
     unfollow(entry);
-    entry->task->d->releaseQueueEntry(lock.get());
+    if (entry->claim != 0)
+        TaskLife::of(entry->task)->releaseStart(entry->claim);
+    entry->task->d->releaseQueueEntry(share.get());
     move(entry, Entry::Unused, unused, unused.begin());
-    entry->task = nullptr;
-    entry->startingThread = nullptr;
-    entry->stay = 0;
-}
-
-// In the order in which they would be taken.
-TasksQueue::Private::Entries TasksQueue::Private::takeAllPending()
-{
-    Entries entries;
-    for (auto &level : ready)
-        entries.splice(entries.end(), level.second);
-    ready.clear();
-    if (!parked.empty() || !returned.empty()) {
-        entries.splice(entries.end(), parked);
-        entries.splice(entries.end(), returned);
-        returnedByTurn.clear();
-        entries.sort([](const Entry &left, const Entry &right) { return left.turn() < right.turn(); });
-    }
-    pendingCount = 0;
-    return entries;
-}
-
-TasksQueue::Private::Entries TasksQueue::Private::takeAllRunning()
-{
-    countedRunning = 0;
-    return std::exchange(running, {});
-}
-
-// One call of clear(), with the lock held.
-void TasksQueue::Private::clearAll(ClearPolicy policy, const Error &error)
-{
-    const QPointer<TasksQueue> queue(q);
-    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
-    ++sharedLock->clearing;
-    const auto cleared = qScopeGuard([&] {
-        // Something is left when a handler threw.
-        if (queue) {
-            Entries rest = takeAllLeaving();
-            forgetAll(rest);
-        }
-        --sharedLock->clearing;
-    });
-    if (!clearTasks(takeAllPending(), policy, error))
-        return;
-    Entries started = takeAllRunning();
-    Entries addedMeanwhile = takeAllPending();
-    forgetAll(addedMeanwhile);
-    clearTasks(std::move(started), policy, error);
-}
-
-// Handlers may destroy tasks that are still to come, which takes them out of the list, or take them in again, which is
-// to no avail. Returns false when one of them has destroyed the queue.
-bool TasksQueue::Private::clearTasks(Entries entries, ClearPolicy policy, const Error &error)
-{
-    const QPointer<TasksQueue> queue(q);
-    for (Entry &entry : entries) {
-        entry.place = Entry::Leaving;
-        entry.clearing = lock->clearing;
-        entry.isCounted = false;
-    }
-    leaving.splice(leaving.begin(), entries);
-    while (!leaving.empty() && leaving.front().clearing == lock->clearing) {
-        Task *task = leaving.front().task;
-        const TaskUse use(task);
-        forget(&leaving.front());
-        q->clearTask(task, policy, error);
-        if (!queue)
-            return false;
-    }
-    return true;
-}
-
-// Of the innermost call of clear().
-TasksQueue::Private::Entries TasksQueue::Private::takeAllLeaving()
-{
-    Entries entries;
-    while (!leaving.empty() && leaving.front().clearing == lock->clearing)
-        entries.splice(entries.end(), leaving, leaving.begin());
-    return entries;
+    *entry = {.self = entry->self};
 }
 
 void TasksQueue::Private::forgetAll(Entries &entries)
 {
-    for (Entry &entry : entries) {
-        const TaskUse use(entry.task);
-        q->disconnectTask(entry.task);
-        entry.task->d->releaseQueueEntry(lock.get());
-        entry = {.self = entry.self};
-    }
-    unused.splice(unused.begin(), entries);
+    while (!entries.empty())
+        forget(&entries.front());
 }
 
-// The lock is held while the task is looked at: a task that is destroyed on another thread waits to be forgotten.
-void TasksQueue::Private::onTaskFinished(const QPointer<Task> &task, const Entry *entry, quint64 stay)
+void TasksQueue::Private::forgetEverything()
 {
-    if (task.isNull()) {
-        q->onTaskFinished(nullptr);
-        return;
+    while (!ready.empty())
+        forget(&ready.begin()->second.front());
+    for (Entries *entries : {&parked, &returned, &claimed, &running, &outside})
+        forgetAll(*entries);
+    for (TasksQueueClearing *clearing : clearings) {
+        forgetAll(clearing->pending);
+        forgetAll(clearing->running);
     }
-    // Handlers may delete the queue: the task's error may clear it.
-    const QPointer<TasksQueue> queue(q);
-    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
-    TasksQueueLocker locker(sharedLock);
-    if (entry->stay != stay || entry->place == Entry::Leaving)
+}
+
+// All tasks in one step: pending ones in the order in which they would be taken, running ones in that of their start.
+void TasksQueue::Private::takeAll(TasksQueueClearing &clearing)
+{
+    std::vector<Entry *> taken;
+    for (auto &level : ready) {
+        for (Entry &entry : level.second)
+            taken.push_back(&entry);
+    }
+    const auto takenReady = taken.size();
+    for (Entries *entries : {&parked, &returned}) {
+        for (Entry &entry : *entries)
+            taken.push_back(&entry);
+    }
+    if (taken.size() > takenReady)
+        std::sort(taken.begin(), taken.end(), [](auto *left, auto *right) { return left->turn() < right->turn(); });
+    for (Entry &entry : claimed)
+        taken.push_back(&entry);
+    const auto moveTo = [&](Entries &to, Entry *entry) {
+        if (entry->claim != 0)
+            TaskLife::of(entry->task)->releaseStart(entry->claim);
+        entry->leaving = &to;
+        entry->clearing = &clearing;
+        move(entry, Entry::Leaving, to, to.end());
+    };
+    for (Entry *entry : taken)
+        moveTo(clearing.pending, entry);
+    while (!running.empty())
+        moveTo(clearing.running, &running.front());
+    clearings.push_back(&clearing);
+}
+
+// What handlers have added while pending tasks were treated: dropped, or treated as running when it has started.
+void TasksQueue::Private::treatRunning(TasksQueueClearing &clearing)
+{
+    const Lock locker(&share->mutex);
+    clearing.isTreatingPending = false;
+    const auto isAdded = [&clearing](const Entry &entry) { return entry.clearing == &clearing; };
+    std::vector<Entry *> added;
+    if (clearing.added > 0) {
+        const auto collect = [&](Entries &entries) {
+            for (Entry &entry : entries) {
+                if (isAdded(entry))
+                    added.push_back(&entry);
+            }
+        };
+        for (auto &level : ready)
+            collect(level.second);
+        for (Entries *entries : {&parked, &returned, &claimed, &running})
+            collect(*entries);
+    }
+    for (Entry *entry : added) {
+        if (entry->place != Entry::Running) {
+            forget(entry);
+            continue;
+        }
+        entry->leaving = &clearing.running;
+        move(entry, Entry::Leaving, clearing.running, clearing.running.end());
+    }
+    for (Entry &entry : clearing.running)
+        setCounted(&entry, false);
+}
+
+// Handlers may destroy tasks that are still to come, which takes them out of the list. Returns false when one of them
+// has destroyed the queue.
+bool TasksQueue::Private::endCleared(Entries &entries, ClearPolicy policy, const Error &error)
+{
+    const Share shared = share;
+    TasksQueue *const queue = q;
+    for (;;) {
+        std::optional<TaskVisit> visit;
+        Task *task = nullptr;
+        {
+            const Lock locker(&shared->mutex);
+            if (!shared->queue())
+                return false;
+            if (entries.empty())
+                return true;
+            task = entries.front().task;
+            visit.emplace(TaskLife::of(task));
+            forget(&entries.front());
+        }
+        interleavingPoint("end cleared");
+        if (visit->isInside())
+            queue->clearTask(task, policy, error);
+    }
+}
+
+TasksQueueClearing *TasksQueue::Private::clearingOfThisThread() const
+{
+    const auto found = std::find_if(clearings.rbegin(), clearings.rend(), [](const TasksQueueClearing *clearing) {
+        return clearing->thread == QThread::currentThreadId();
+    });
+    return found == clearings.rend() ? nullptr : *found;
+}
+
+// By whatever type the queue listens. The lock is held while the task is looked up: a task that is destroyed on another
+// thread waits to be forgotten, and then for the visit.
+void TasksQueue::Private::onTaskEnded(const Share &share, const std::shared_ptr<TaskLife> &life, const Entry *entry,
+                                      quint64 stay)
+{
+    interleavingPoint("task ended");
+    const TasksQueueVisit visit(share);
+    if (!visit.isInside())
         return;
+    TasksQueue *const queue = share->queue();
+    if (!life->task())
+        return queue->onTaskFinished(nullptr);
+    Handling handling;
     {
-        const TaskUse use(entry->task);
-        q->onTaskFinished(entry->task);
+        const Lock locker(&share->mutex);
+        if (!share->queue() || entry->stay != stay || entry->place == Entry::Leaving)
+            return;
+        handling.visit.emplace(life);
+        handling.task = entry->task;
     }
-    const int passes = locker.unlock();
-    if (queue)
-        dispatch(passes);
+    if (handling.visit->isInside())
+        queue->onTaskFinished(handling.task);
 }
 
-// On the thread that destroys the task, when even the queue may be gone.
-void TasksQueue::Private::onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task)
+void TasksQueue::Private::onTaskDestroyed(const Share &share, Task *task)
 {
-    const TasksQueueLocker locker(lock);
-    if (lock->queue)
-        lock->queue->onTaskDestroyed(task);
+    interleavingPoint("task destroyed");
+    const TasksQueueVisit visit(share);
+    if (!visit.isInside()) {
+        // The queue, on another thread, is letting go of its tasks.
+        const Lock locker(&share->mutex);
+        return;
+    }
+    TasksQueue *const queue = share->queue();
+    const Destruction destruction(share.get(), queue->d->thread() != QThread::currentThread());
+    queue->onTaskDestroyed(task);
 }
 
 // By a posted call; in the order of the handlers, which other types keep, it is a connection.
-void TasksQueue::Private::onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, const Task *task)
+void TasksQueue::Private::onTaskPriorityChanged(const Share &share, const Task *task)
 {
-    const TasksQueueLocker locker(lock);
-    auto *queue = lock->queue ? lock->queue->d.get() : nullptr;
-    const Entry *entry = queue ? queue->entryOf(task) : nullptr;
+    const Lock locker(&share->mutex);
+    if (!share->queue())
+        return;
+    const Entry *entry = share->queue()->d->entryOf(task);
     if (!entry || !entry->isFollowed || entry->connectionType != Qt::QueuedConnection)
         return;
-    const auto readd = [queue, entry, stay = entry->stay] { queue->readd(entry, stay); };
-    QMetaObject::invokeMethod(queue, readd, Qt::QueuedConnection);
+    share->post([share, entry, stay = entry->stay] { readd(share, entry, stay); });
 }
 
-void TasksQueue::Private::readd(const Entry *entry, quint64 stay)
+// The run that the queue started is over, and the slot free, without the task's being touched; or a task that was
+// passed over gets its place back.
+bool TasksQueue::Private::onTaskIdle(const Share &share, const Task *task)
 {
-    const QPointer<TasksQueue> queue(q);
-    const std::shared_ptr<TasksQueueLock> sharedLock = lock;
-    TasksQueueLocker locker(sharedLock);
-    if (entry->stay != stay)
-        return;
-    {
-        const TaskUse use(entry->task);
-        q->readdTask(entry->task);
+    const Lock locker(&share->mutex);
+    if (!share->queue())
+        return false;
+    auto *queue = share->queue()->d.get();
+    Entry *entry = queue->entryOf(task);
+    if (entry && entry->place == Entry::Parked) {
+        queue->move(entry, Entry::Returned, queue->returned, queue->returned.end());
+        queue->returnedByTurn.emplace(entry->turn(), entry);
+        share->postDispatch();
+        return false;
     }
-    const int passes = locker.unlock();
-    if (queue)
-        dispatch(passes);
+    if (!entry || entry->place != Entry::Running)
+        return false;
+    const bool isDirect = entry->connectionType == Qt::DirectConnection;
+    queue->forget(entry);
+    if (!isDirect)
+        share->postDispatch();
+    return isDirect;
+}
+
+void TasksQueue::Private::readd(const Share &share, const Entry *entry, quint64 stay)
+{
+    interleavingPoint("readd");
+    const TasksQueueVisit visit(share);
+    std::optional<TaskVisit> taskVisit;
+    Task *task = nullptr;
+    {
+        const Lock locker(&share->mutex);
+        if (!visit.isInside() || entry->stay != stay)
+            return;
+        task = entry->task;
+        taskVisit.emplace(TaskLife::of(task));
+    }
+    if (taskVisit->isInside())
+        share->queue()->readdTask(task);
 }
 
 TasksQueue::Private::Entries &TasksQueue::Private::listOf(const Entry &entry)
@@ -498,6 +651,8 @@ TasksQueue::Private::Entries &TasksQueue::Private::listOf(const Entry &entry)
         return unused;
     case Entry::Outside:
         return outside;
+    case Entry::Claimed:
+        return claimed;
     case Entry::Ready:
         return ready.at(entry.priority);
     case Entry::Parked:
@@ -509,10 +664,11 @@ TasksQueue::Private::Entries &TasksQueue::Private::listOf(const Entry &entry)
     case Entry::Leaving:
         break;
     }
-    return leaving;
+    return *entry.leaving;
 }
 
-// The only way from list to list: keeps the counts, and no empty list among the ready ones.
+// The only way from list to list: keeps the counts, and no empty list among the ready ones. What clear() takes stays
+// counted until it comes to the running ones.
 void TasksQueue::Private::move(Entry *entry, Entry::Place place, Entries &to, Entries::iterator before)
 {
     const Entry::Place left = entry->place;
@@ -521,7 +677,7 @@ void TasksQueue::Private::move(Entry *entry, Entry::Place place, Entries &to, En
     to.splice(before, from, entry->self);
     entry->place = place;
     pendingCount += int(entry->isPending());
-    if (left == Entry::Running)
+    if (entry->isCounted && place != Entry::Running && place != Entry::Leaving)
         setCounted(entry, false);
     if (left == Entry::Returned)
         returnedByTurn.erase(entry->turn());
@@ -535,64 +691,6 @@ void TasksQueue::Private::setCounted(Entry *entry, bool isCounted)
     entry->isCounted = isCounted;
 }
 
-// Out of the way of every later dispatch, until the task is idle again and gets its place back.
-void TasksQueue::Private::park(Entry *entry)
-{
-    move(entry, Entry::Parked, parked, parked.end());
-    const quint64 stay = entry->stay;
-    entry->idle = connect(
-        entry->task, &BaseTask::stateChanged, this,
-        [this, entry, stay](BaseTask::State newState) {
-            if (newState == BaseTask::Idle)
-                unpark(entry, stay);
-        },
-        Qt::DirectConnection);
-    if (entry->task->isIdle())
-        unpark(entry, stay);
-}
-
-void TasksQueue::Private::unpark(Entry *entry, quint64 stay)
-{
-    const TasksQueueLocker locker(lock);
-    if (entry->stay != stay || entry->place != Entry::Parked)
-        return;
-    disconnect(std::exchange(entry->idle, {}));
-    move(entry, Entry::Returned, returned, returned.end());
-    returnedByTurn.emplace(entry->turn(), entry);
-}
-
-// Called before a start. Work is never started while the lock is held. And when a task of ours that has ended is still
-// on the stack of this thread, the loop below it goes on, so that the stack stays flat; unless an event loop runs on
-// top of that task, in which somebody may wait for the very task that is to be started.
-bool TasksQueue::Private::leavesStartToOthers() const
-{
-    if (lock->depth > 1) {
-        ++lock->passesOwed;
-        return true;
-    }
-    const DispatchFrame *frame = DispatchFrame::innermostOf(lock.get());
-    if (!frame || !frame->entry)
-        return false;
-    if (frame->entry->stay == frame->stay && frame->entry->place == Entry::Running)
-        return false;
-    if (QThread::currentThread()->loopLevel() > frame->loopLevel)
-        return false;
-    if (QThread::currentThread() == thread())
-        lock->postDispatch();
-    return true;
-}
-
-// The work threw: its slot is free, and the other tasks are not left to a loop that has ended.
-void TasksQueue::Private::abandonStart(Entry *entry, quint64 stay)
-{
-    ++lock->passesOwed;
-    if (entry->stay != stay)
-        return;
-    Task *task = entry->task;
-    forget(entry);
-    task->setQueue(nullptr);
-}
-
 TasksQueue::TasksQueue(QObject *parent) : QObject(parent), d(std::make_unique<Private>(this))
 {
     // As in BaseTask: tasks of several threads may be the first ones to guard their queue.
@@ -601,114 +699,125 @@ TasksQueue::TasksQueue(QObject *parent) : QObject(parent), d(std::make_unique<Pr
 
 TasksQueue::~TasksQueue()
 {
-    const TasksQueueLocker locker(d->lock);
-    Private::Entries pending = d->takeAllPending();
-    for (Private::Entries *entries : {&pending, &d->running, &d->outside, &d->leaving})
-        d->forgetAll(*entries);
-    d->lock->queue = nullptr;
-    d->lock->context = nullptr;
+    d->share->close([this] { d->forgetEverything(); });
+    // A queue that was moved leaves its private part, which reacts to the tasks, where it was made.
+    if (d->thread() != QThread::currentThread())
+        d.release()->deleteLater();
 }
 
 QString TasksQueue::name() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->name;
 }
 
 void TasksQueue::setName(const QString &name)
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     d->name = name;
 }
 
 TasksQueue::State TasksQueue::state() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->state;
 }
 
 int TasksQueue::maxPriority() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->maxPriority;
 }
 
 void TasksQueue::setMaxPriority(int priority)
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     d->maxPriority = priority;
 }
 
 int TasksQueue::maxRunningTasksCount() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->maxRunning;
 }
 
 void TasksQueue::setMaxRunningTasksCount(int count)
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     d->maxRunning = count;
 }
 
 Qt::ConnectionType TasksQueue::connectionType() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->connectionType;
 }
 
 void TasksQueue::setConnectionType(Qt::ConnectionType type)
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     d->connectionType = type;
 }
 
 TasksQueue::CleanupMode TasksQueue::cleanupMode() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->cleanupMode;
 }
 
 void TasksQueue::setCleanupMode(CleanupMode mode)
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     d->cleanupMode = mode;
 }
 
 TasksQueue::TaskErrorPolicy TasksQueue::taskErrorPolicy() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->errorPolicy;
 }
 
 void TasksQueue::setTaskErrorPolicy(TaskErrorPolicy policy)
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     d->errorPolicy = policy;
 }
 
 void TasksQueue::append(Task *task)
 {
-    if (task && task->isIdle())
+    const TasksQueueVisit visit(d->share);
+    if (task && TaskLife::of(task)->isFree())
         addTask(task, Append);
-    tryExec();
+    if (visit.isInside())
+        tryExec();
 }
 
 void TasksQueue::append(const QList<Task *> &tasks)
 {
+    const TasksQueueVisit visit(d->share);
+    // Taking a task from another queue may have that one start work, which may destroy the others.
+    std::vector<std::pair<Task *, std::shared_ptr<TaskLife>>> held;
+    held.reserve(size_t(tasks.size()));
     for (Task *task : tasks) {
-        if (task && task->isIdle())
+        if (task)
+            held.emplace_back(task, TaskLife::of(task));
+    }
+    for (const auto &[task, life] : held) {
+        if (visit.isInside() && life->task() && life->isFree())
             addTask(task, Append);
     }
-    tryExec();
+    if (visit.isInside())
+        tryExec();
 }
 
 void TasksQueue::prepend(Task *task)
 {
-    if (!task || !task->isIdle())
+    if (!task || !TaskLife::of(task)->isFree())
         return;
+    const TasksQueueVisit visit(d->share);
     addTask(task, Prepend);
-    tryExec();
+    if (visit.isInside())
+        tryExec();
 }
 
 void TasksQueue::operator<<(Task *task)
@@ -720,48 +829,62 @@ void TasksQueue::readdTask(Task *task)
 {
     if (!task)
         return;
-    TasksQueueLocker locker(d->lock);
-    if (!d->isPending(task))
-        return;
-    Private::Entry *entry = d->entryOf(task);
-    d->takeOut(entry);
+    const Private::Share share = d->share;
+    const TasksQueueVisit visit(share);
+    Private::Entry *entry = nullptr;
+    quint64 stay = 0;
+    {
+        const Lock locker(&share->mutex);
+        if (!d->isPending(task))
+            return;
+        entry = d->entryOf(task);
+        stay = entry->stay;
+        d->takeOut(entry);
+    }
     append(task);
+    const Lock locker(&share->mutex);
     // Not taken again: it is no longer idle, or its new priority is refused.
-    if (entry->place == Private::Entry::Outside)
+    if (visit.isInside() && entry->stay == stay && entry->place == Private::Entry::Outside)
         d->forget(entry);
-    d->dispatch(locker.unlock());
 }
 
 void TasksQueue::removeTask(Task *task)
 {
     if (!task)
         return;
+    const Private::Share share = d->share;
+    const TasksQueueVisit visit(share);
+    Handling *handling = Handling::of(task);
     {
-        const TasksQueueLocker locker(d->lock);
-        disconnectTask(task);
+        // Unlinked before the dispatch, which would start the very task that is taken out.
+        const Lock locker(&share->mutex);
         if (!d->isPending(task))
             task->setQueue(nullptr);
-        // Before the dispatch, which would start the very task that is taken out.
         d->forget(d->entryOf(task));
+        if (handling)
+            handling->drop();
     }
+    // Nothing of the task is read from here on.
+    if (handling && handling->visit)
+        handling->visit->leave();
     tryExec();
 }
 
 bool TasksQueue::isEmpty() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->pendingCount == 0;
 }
 
 int TasksQueue::pendingTasksCount() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->pendingCount;
 }
 
 int TasksQueue::runningTasksCount() const
 {
-    const TasksQueueLocker locker(d->lock);
+    const Lock locker(&d->share->mutex);
     return d->countedRunning;
 }
 
@@ -772,20 +895,37 @@ bool TasksQueue::hasRunningTasks() const
 
 int TasksQueue::count() const
 {
-    const TasksQueueLocker locker(d->lock);
     return runningTasksCount() + pendingTasksCount();
 }
 
+// One step for other threads. What their ends are, and what handlers add meanwhile, is nobody's business but this
+// call's.
 void TasksQueue::clear(ClearPolicy policy, const Error &error)
 {
-    const QPointer<TasksQueue> self(this);
-    const std::shared_ptr<TasksQueueLock> lock = d->lock;
+    const Private::Share share = d->share;
+    const TasksQueueVisit visit(share);
     const Error outcome = error;
-    TasksQueueLocker locker(lock);
-    d->clearAll(policy, outcome);
-    const int passes = locker.unlock();
-    if (self && passes > 0)
-        tryExec();
+    TasksQueueClearing clearing{.thread = QThread::currentThreadId(),
+                                .endsTasks = policy == Finish || policy == Cancel};
+    const auto cleared = qScopeGuard([&] {
+        const Lock locker(&share->mutex);
+        if (!share->queue())
+            return;
+        // Something is left when a handler threw.
+        d->forgetAll(clearing.pending);
+        d->forgetAll(clearing.running);
+        std::erase(d->clearings, &clearing);
+    });
+    {
+        const Lock locker(&share->mutex);
+        if (!share->queue())
+            return;
+        d->takeAll(clearing);
+    }
+    if (!d->endCleared(clearing.pending, policy, outcome))
+        return;
+    d->treatRunning(clearing);
+    d->endCleared(clearing.running, policy, outcome);
 }
 
 void TasksQueue::pause()
@@ -795,40 +935,61 @@ void TasksQueue::pause()
 
 void TasksQueue::resume()
 {
-    const QPointer<TasksQueue> self(this);
+    const TasksQueueVisit visit(d->share);
     setState(Working);
-    if (self)
+    if (visit.isInside())
         tryExec();
 }
 
 void TasksQueue::tryExec()
 {
-    if (d->owesDispatch())
+    const Private::Share share = d->share;
+    const TasksQueueVisit visit(share);
+    if (!visit.isInside())
         return;
-    const QPointer<TasksQueue> self(this);
-    const Private::Decision decision = d->decide();
-    if (decision.step == Private::Decision::StayPaused) {
+    quint64 request = 0;
+    bool isPaused = false;
+    bool isPutOff = false;
+    {
+        const Destruction *destruction = Destruction::of(share.get());
+        const Lock locker(&share->mutex);
+        if (destruction && destruction->isForeign)
+            return share->postDispatch();
+        isPutOff = destruction && GroupLocker::isAnyHeld();
+        if (!share->mayDispatch())
+            return;
+        if (!isPutOff)
+            share->setServed();
+        request = ++d->requests;
+        isPaused = d->state == Paused;
+    }
+    interleavingPoint("dispatch");
+    if (isPutOff)
+        return TasksQueueShare::dispatch(share);
+    if (isPaused) {
         qCInfo(tasksLog) << name() << "paused";
         return;
     }
-    if (decision.step == Private::Decision::BecomeIdle) {
+    // Whoever asked since the pass has looked goes on, and makes the queue Idle if that is right.
+    const auto isServed = [this, &request] {
+        return d->requests == request && d->countedRunning == 0 && d->state == Working;
+    };
+    if (isEmpty() && !hasRunningTasks()) {
         qCInfo(tasksLog) << "Empty queue " << name() << "--> Idle.";
-        if (decision.stateChanged)
-            Q_EMIT stateChanged(Idle);
-        return;
+        return d->changeState(Idle, isServed);
     }
-    if (decision.stateChanged) {
+    if (state() == Idle) {
         qCInfo(tasksLog) << "Idle queue" << name() << " --> Working.";
-        Q_EMIT stateChanged(Working);
+        d->changeState(Working, [this] { return d->state == Idle; });
     }
-    if (!self)
+    if (!visit.isInside())
         return;
     qCInfo(tasksLog) << "Running tasks:" << runningTasksCount() << "Max running tasks:" << maxRunningTasksCount();
-    if (!d->startPending() || !d->becomeIdleAfterPass())
+    if (!d->startPending(request) || hasRunningTasks() || state() != Working)
         return;
     qCInfo(tasksLog) << "Queue  " << name() << "--> Idle.";
     qCInfo(tasksLog) << "Queue size:" << pendingTasksCount();
-    Q_EMIT stateChanged(Idle);
+    d->changeState(Idle, isServed);
 }
 
 void TasksQueue::exec(Task *task)
@@ -839,35 +1000,62 @@ void TasksQueue::exec(Task *task)
 
 void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
 {
-    const TasksQueueLocker locker(d->lock);
-    if (d->isPending(task)) {
+    if (!task)
+        return;
+    enum {
+        Inserted,
+        IsPending,
+        IsRefused,
+        IsLeaving,
+        IsElsewhere
+    } outcome = Inserted;
+    int priority = 0;
+    {
+        const Lock locker(&d->share->mutex);
+        priority = task->priority();
+        Private::Entry *entry = d->entryOf(task);
+        if (d->isPending(task))
+            outcome = IsPending;
+        // Its clear() is about to end it, or has taken it out for the handler that adds it.
+        else if (entry && entry->place == Private::Entry::Leaving
+                 && (entry->clearing->endsTasks || entry->clearing->thread == QThread::currentThreadId()))
+            outcome = IsLeaving;
+        else if (priority < 0 || priority > d->maxPriority)
+            outcome = IsRefused;
+        else {
+            if (entry && entry->place == Private::Entry::Leaving)
+                d->forget(entry);
+            // Appended to another queue at the same time, on another thread: that came last, and holds it.
+            if (d->insert(task, mode))
+                d->follow(d->entryOf(task));
+            else
+                outcome = IsElsewhere;
+        }
+    }
+    if (outcome == IsPending)
         qCWarning(tasksLog) << "Task" << task->name() << "already in queue";
-        return;
-    }
-    const Private::Entry *entry = d->entryOf(task);
-    if (entry && (entry->place == Private::Entry::Leaving || entry->isBeingStartedElsewhere()))
-        return;
-    const int priority = task->priority();
-    if (priority < 0 || priority > d->maxPriority) {
+    else if (outcome == IsRefused)
         qCWarning(tasksLog) << "Invalid priority" << priority << "of task" << task->name();
-        return;
-    }
-    // Appended to another queue at the same time, on another thread: that came last, and holds it.
-    if (!d->insert(task, mode))
-        return;
-    connectTask(task);
-    qCInfo(tasksLog) << "Task" << task->name() << "appended, queue.count=" << pendingTasksCount();
+    else if (outcome == Inserted)
+        qCInfo(tasksLog) << "Task" << task->name() << "appended, queue.count=" << pendingTasksCount();
 }
 
 Task *TasksQueue::dequeueTask()
 {
-    const TasksQueueLocker locker(d->lock);
-    return isEmpty() ? nullptr : d->takeNextIdle();
+    if (isEmpty())
+        return nullptr;
+    const Lock locker(&d->share->mutex);
+    return d->takeNextIdle(TasksQueueHand::emptyOf(d->share.get()));
 }
 
 void TasksQueue::addTask(Task *task, EnqueueMode mode)
 {
-    if (!d->takeFromOtherQueue(task))
+    if (!task)
+        return;
+    const TasksQueueVisit visit(d->share);
+    const std::shared_ptr<TaskLife> life = TaskLife::of(task);
+    d->takeFromOtherQueue(task);
+    if (!visit.isInside() || !life->task())
         return;
     task->setQueue(this);
     enqueueTask(task, mode);
@@ -875,53 +1063,82 @@ void TasksQueue::addTask(Task *task, EnqueueMode mode)
 
 void TasksQueue::onTaskFinished(Task *task)
 {
+    const Private::Share share = d->share;
+    const TasksQueueVisit visit(share);
     if (!task) {
         qCDebug(tasksLog) << "Null task finished!";
         tryExec();
         return;
     }
-    const std::shared_ptr<TasksQueueLock> lock = d->lock;
-    const TasksQueueLocker locker(lock);
-    if (!d->entryOf(task) || !task->isFinished())
-        return;
-    if (task->hasError() && d->errorPolicy == ClearOnError) {
-        clear(Remove, Error());
-        return;
+    std::optional<Handling> own;
+    Handling *handling = Handling::of(task);
+    if (!handling) {
+        handling = &own.emplace();
+        handling->task = task;
+    }
+    Private::Entry *entry = nullptr;
+    quint64 stay = 0;
+    bool clears = false;
+    {
+        const Lock locker(&share->mutex);
+        entry = d->entryOf(task);
+        if (!entry || !task->isFinished())
+            return;
+        stay = entry->stay;
+        clears = task->hasError() && d->errorPolicy == ClearOnError;
+        handling->deletes = !clears && d->cleanupMode == DeleteFinished;
+    }
+    if (clears) {
+        if (handling->visit)
+            handling->visit->leave();
+        return clear(Remove, Error());
     }
     const bool triggersNext = task->triggersNext();
-    // While the queue holds the task: its own thread may be destroying it, and waits for the lock then.
-    if (d->cleanupMode == DeleteFinished)
-        task->deleteLater();
     removeTask(task);
-    disconnectTask(task);
+    {
+        // What a subclass's removeTask() has left.
+        const Lock locker(&share->mutex);
+        if (!visit.isInside())
+            return;
+        if (entry->stay == stay) {
+            Private::unfollow(entry);
+            handling->drop();
+        }
+    }
     if (triggersNext)
         tryExec();
 }
 
 void TasksQueue::onTaskDestroyed(Task *task)
 {
-    // The dispatch is posted when the lock is released: nothing is started inside the task's destructor.
-    const TasksQueueLocker locker(d->lock);
+    if (!task)
+        return;
+    const TasksQueueVisit visit(d->share);
     removeTask(task);
-    disconnectTask(task);
+    if (visit.isInside())
+        disconnectTask(task);
 }
 
 void TasksQueue::setState(State state)
 {
-    if (d->changeState(state))
-        Q_EMIT stateChanged(state);
+    const TasksQueueVisit visit(d->share);
+    d->changeState(state, [] { return true; });
 }
 
 void TasksQueue::connectTask(Task *task)
 {
-    const TasksQueueLocker locker(d->lock);
+    if (!task)
+        return;
+    const Lock locker(&d->share->mutex);
     if (Private::Entry *entry = d->ensureEntry(task))
         d->follow(entry);
 }
 
 void TasksQueue::disconnectTask(Task *task)
 {
-    const TasksQueueLocker locker(d->lock);
+    if (!task)
+        return;
+    const Lock locker(&d->share->mutex);
     Private::Entry *entry = d->entryOf(task);
     if (entry && entry->isFollowed)
         Private::unfollow(entry);
@@ -929,22 +1146,26 @@ void TasksQueue::disconnectTask(Task *task)
 
 void TasksQueue::removeRunningTask(Task *task)
 {
+    if (!task)
+        return;
     {
-        const TasksQueueLocker locker(d->lock);
-        disconnectTask(task);
+        const Lock locker(&d->share->mutex);
         Private::Entry *entry = d->entryOf(task);
         if (entry && entry->place == Private::Entry::Running)
             d->forget(entry);
+        else if (entry && entry->isFollowed)
+            Private::unfollow(entry);
     }
     tryExec();
 }
 
 void TasksQueue::clearTask(Task *task, ClearPolicy policy, const Error &error)
 {
-    // Null where nothing is left to do to the task.
-    const QPointer<Task> guarded(policy == Finish || policy == Cancel ? task : nullptr);
+    if (!task)
+        return;
+    const std::shared_ptr<TaskLife> life = TaskLife::of(task);
     removeRunningTask(task);
-    if (!guarded || task->isFinalizing() || task->isFinished())
+    if (!life->task() || task->isFinalizing() || task->isFinished())
         return;
     if (policy == Finish)
         task->finish(error);

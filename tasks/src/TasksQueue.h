@@ -185,6 +185,7 @@ protected:
 private:
     friend class Task;
     friend class TasksQueueHold;
+    friend class TasksQueueShare;
     class Private;
     std::unique_ptr<Private> d;
 };

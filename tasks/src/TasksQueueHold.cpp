@@ -1,41 +1,59 @@
 #include "TasksQueueHold.h"
 
+#include "GroupChild.h"
 #include "Task_p.h"
-#include "TasksQueue_p.h"
+#include "TasksQueueShare.h"
+
+#include <zel/tasks/TasksQueue.h>
+
+#include <QThread>
 
 #include <utility>
 
 namespace zel {
 
-TasksQueueHold::TasksQueueHold(TasksQueueLocks locks) : m_locks(std::move(locks))
-{
-    for (const auto &lock : m_locks)
-        ++lock->holds;
-}
-
-// What the queues owe is posted to their threads.
 TasksQueueHold::~TasksQueueHold()
 {
-    for (const auto &lock : m_locks) {
-        const TasksQueueLocker locker(lock);
-        if (--lock->holds == 0 && lock->isDispatchHeld.exchange(false))
-            lock->postDispatch();
-    }
+    // Ended by an exception: what is owed is posted.
+    for (const auto &queue : m_queues)
+        static_cast<void>(queue->release());
+    for (const auto &group : m_groups)
+        group->holder = nullptr;
 }
 
-std::shared_ptr<TasksQueueLock> TasksQueueHold::lockOf(const Task *task)
+void TasksQueueHold::add(const Task *task)
 {
-    return task->d->queueLock();
+    const auto share = task->d->queueShare();
+    if (share && m_queues.insert(share).second)
+        share->hold();
+}
+
+bool TasksQueueHold::addGroup(const std::shared_ptr<GroupNode> &node)
+{
+    Qt::HANDLE holder = nullptr;
+    if (node->holder.compare_exchange_strong(holder, QThread::currentThreadId()))
+        m_groups.push_back(node);
+    return holder != QThread::currentThreadId();
+}
+
+void TasksQueueHold::release()
+{
+    for (const auto &group : std::exchange(m_groups, {}))
+        group->holder = nullptr;
+    for (const auto &queue : std::exchange(m_queues, {})) {
+        if (queue->release())
+            TasksQueueShare::dispatch(queue);
+    }
 }
 
 void TasksQueueHold::removeFromQueue(Task *task)
 {
-    const auto lock = lockOf(task);
-    if (!lock)
+    const auto share = task->d->queueShare();
+    if (!share)
         return;
-    const TasksQueueLocker locker(lock);
-    if (lock->queue)
-        lock->queue->removeTask(task);
+    const TasksQueueVisit visit(share);
+    if (visit.isInside())
+        share->queue()->removeTask(task);
 }
 
 } // namespace zel

@@ -4,30 +4,34 @@
 
 #include <memory>
 #include <set>
+#include <vector>
 
 namespace zel {
 
 class Task;
-class TasksQueueLock;
+class TasksQueueShare;
+struct GroupNode;
 
-/// The locks of queues. Their order means nothing.
-using TasksQueueLocks = std::set<std::shared_ptr<TasksQueueLock>>;
-
-/// Keeps queues from starting anything while it lives. It is made without a lock, and
-/// goes with the locks of the queues.
+/// Keeps queues from starting anything while tasks of theirs are being stopped. What they owe when it ends is made in
+/// the calling thread, as soon as this holds no lock of a group, and posted to their threads besides.
 class TasksQueueHold {
 public:
-    explicit TasksQueueHold(TasksQueueLocks locks);
+    TasksQueueHold() = default;
     ~TasksQueueHold();
     Q_DISABLE_COPY_MOVE(TasksQueueHold)
 
-    /// The lock of the queue that holds \a task, pending or running; null when there is none.
-    static std::shared_ptr<TasksQueueLock> lockOf(const Task *task);
+    /// The queue that holds \a task, pending or running, if there is one.
+    void add(const Task *task);
+    /// A group whose children's queues were added. Returns false when this thread holds them already.
+    bool addGroup(const std::shared_ptr<GroupNode> &node);
+    void release();
+
     /// Takes \a task out of the queue that holds it, if there is one.
     static void removeFromQueue(Task *task);
 
 private:
-    const TasksQueueLocks m_locks;
+    std::set<std::shared_ptr<TasksQueueShare>> m_queues;
+    std::vector<std::shared_ptr<GroupNode>> m_groups;
 };
 
 } // namespace zel

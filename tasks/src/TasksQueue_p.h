@@ -1,71 +1,28 @@
 #pragma once
 
+#include "TaskLife.h"
+#include "TasksQueueShare.h"
+
 #include <zel/tasks/TasksQueue.h>
 
 #include <QList>
-#include <QMutex>
 #include <QObject>
-#include <QPointer>
 #include <QString>
-#include <QThread>
 
-#include <atomic>
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
+#include <vector>
 
 namespace zel {
 
-/**
- * The lock of a queue, and what may only be looked at while it is held.
- *
- * Shared with the queue's tasks and connections, which may reach for it when the queue is gone.
- */
-class TasksQueueLock : public std::enable_shared_from_this<TasksQueueLock> {
-public:
-    TasksQueueLock(TasksQueue *owner, QObject *ownerContext) : queue(owner), context(ownerContext) { }
-
-    /// Called with the lock held: dispatches from the event loop of the queue's thread, once for any number of calls.
-    void postDispatch();
-
-    QRecursiveMutex mutex;
-    /// How often the thread that holds the mutex has locked it.
-    int depth = 0;
-    /// How many calls of clear() are on that thread's stack.
-    int clearing = 0;
-    /// The dispatch passes that were asked for while the mutex was held: they start nothing before it is released.
-    int passesOwed = 0;
-    bool dispatchPosted = false;
-    /// How many TasksQueueHold keep the queue from dispatching, and whether it was asked to meanwhile. A hold begins
-    /// without the mutex and ends with it.
-    std::atomic<int> holds = 0;
-    std::atomic<bool> isDispatchHeld = false;
-    /// Both null once the queue is gone.
-    TasksQueue *queue;
-    /// The queue's private part: receives what is posted to the queue's thread.
-    QObject *context;
-};
-
-/// Holds a queue's lock, but does not keep it alive: where the queue may be deleted meanwhile, the caller does. Dispatch
-/// passes that are owed when the outermost one lets go are the business of whoever calls unlock(); where nobody does, one
-/// is posted to the queue's thread.
-class TasksQueueLocker {
-public:
-    explicit TasksQueueLocker(const std::shared_ptr<TasksQueueLock> &lock);
-    ~TasksQueueLocker();
-    Q_DISABLE_COPY_MOVE(TasksQueueLocker)
-
-    /// Returns how many dispatch passes the caller has to make now.
-    [[nodiscard]] int unlock();
-
-private:
-    TasksQueueLock *const m_lock;
-    bool m_isLocked = true;
-};
+struct TasksQueueClearing;
 
 /**
- * What a queue knows of one of its tasks. Guarded by the queue's lock.
+ * What a queue knows of one of its tasks. Guarded by the queue's mutex.
  *
  * An entry lives as long as its queue: one that is done with is used again for another task. What was posted or is
  * on a stack therefore keeps the number of the stay beside the entry, and compares it.
@@ -74,34 +31,67 @@ struct TasksQueueEntry {
     enum Place {
         Unused,   ///< stands for no task
         Outside,  ///< followed, and in no list of ours: a subclass holds it, or it is on its way from list to list
+        Claimed,  ///< taken out by a dispatch, which has not come to start it
         Ready,    ///< pending, was idle when last seen
         Parked,   ///< pending, was passed over because it was not idle
         Returned, ///< pending, idle again after it was passed over
         Running,  ///< started by the queue
         Leaving,  ///< being cleared, no longer the queue's; its end is nobody's business here
     };
+    using List = std::list<TasksQueueEntry>;
 
-    bool isBeingStartedElsewhere() const { return startingThread && startingThread != QThread::currentThreadId(); }
     bool isPending() const { return place == Ready || place == Parked || place == Returned; }
     /// What is pending goes by its turn, smaller ones first.
     std::pair<int, qint64> turn() const { return {priority, order}; }
 
     Task *task = nullptr;
-    quint64 stay = 0;                          ///< number of this stay in the queue, 0 when unused
-    qint64 order = 0;                          ///< orders the pending ones of one priority
-    std::list<TasksQueueEntry>::iterator self; ///< its place in the list that it stands in
-    int priority = 0;                          ///< the one that it is listed under
+    quint64 stay = 0;    ///< number of this stay in the queue, 0 when unused
+    quint64 claim = 0;   ///< of its start; taken back when the entry is forgotten first
+    qint64 order = 0;    ///< orders the pending ones of one priority
+    List::iterator self; ///< its place in the list that it stands in
+    int priority = 0;    ///< the one that it is listed under
     Place place = Unused;
-    int clearing = 0;       ///< which of the calls of clear() on the stack took it
     bool isCounted = false; ///< counted among the running ones
-    /// The thread that is inside exec() of the task, which may not look like it yet.
-    Qt::HANDLE startingThread = nullptr;
+    /// The clear() that takes it out, or that it was added under by a handler.
+    const TasksQueueClearing *clearing = nullptr;
+    List *leaving = nullptr; ///< the list of that call, while it is Leaving
     /// Whether the queue hears of the task's end and its priority, and by which type.
     bool isFollowed = false;
     Qt::ConnectionType connectionType = Qt::AutoConnection;
     QMetaObject::Connection finished{};
     QMetaObject::Connection priorityChanged{};
-    QMetaObject::Connection idle{}; ///< while it is parked
+};
+
+/// One call of clear(), on the stack of the thread that makes it. Guarded by the queue's mutex.
+struct TasksQueueClearing {
+    TasksQueueEntry::List pending{};
+    TasksQueueEntry::List running{};
+    Qt::HANDLE thread;
+    bool endsTasks;
+    bool isTreatingPending = true;
+    int added = 0; ///< by handlers while pending ones are treated
+};
+
+/// What a dispatch has taken out and is about to start, on the stack of the thread that makes it.
+struct TasksQueueHand {
+    explicit TasksQueueHand(const TasksQueueShare *queueShare);
+    ~TasksQueueHand();
+    Q_DISABLE_COPY_MOVE(TasksQueueHand)
+
+    /// The one that a dequeueTask() on this thread is called for; null when no dispatch calls it.
+    static TasksQueueHand *emptyOf(const TasksQueueShare *share);
+    bool take(TasksQueueEntry *taken);
+
+    const TasksQueueShare *const share;
+    TasksQueueEntry *entry = nullptr;
+    Task *task = nullptr;
+    quint64 stay = 0;
+    quint64 claim = 0;
+    std::shared_ptr<TaskLife> life;
+    std::optional<TaskVisit> visit;
+
+private:
+    TasksQueueHand *const m_outer;
 };
 
 /// Each entry stands in exactly one of the lists; the task leads to its entry.
@@ -109,35 +99,28 @@ class Q_DECL_HIDDEN TasksQueue::Private : public QObject {
     Q_OBJECT
 public:
     using Entry = TasksQueueEntry;
-    using Entries = std::list<Entry>;
-
-    /// What a dispatch pass begins with.
-    struct Decision {
-        enum {
-            StayPaused,
-            BecomeIdle,
-            Start
-        } step;
-        bool stateChanged;
-    };
+    using Entries = TasksQueueEntry::List;
+    using Share = std::shared_ptr<TasksQueueShare>;
 
     explicit Private(TasksQueue *queue);
     ~Private() override;
 
-    // These take the lock.
-    bool changeState(State newState);
-    bool owesDispatch();
-    Decision decide();
-    bool startPending();
-    bool becomeIdleAfterPass();
-    /// Returns false when the task is being started on another thread.
-    bool takeFromOtherQueue(Task *task);
-    void dispatch(int passes);
-    /// Called by the task, on whichever thread it happens.
-    static void onTaskDestroyed(const std::shared_ptr<TasksQueueLock> &lock, Task *task);
-    static void onTaskPriorityChanged(const std::shared_ptr<TasksQueueLock> &lock, const Task *task);
-    void clearAll(ClearPolicy policy, const Error &error);
-    static void recount(const std::shared_ptr<TasksQueueLock> &lock, const Task *task);
+    // These take the lock. The queue may be gone when those that announce or start something return.
+    template <typename Condition>
+    void changeState(State newState, Condition isMeant);
+    bool startPending(quint64 &servedRequests);
+    void takeFromOtherQueue(Task *task);
+    bool endCleared(Entries &entries, ClearPolicy policy, const Error &error);
+    void treatRunning(TasksQueueClearing &clearing);
+
+    // Called by tasks, on whichever thread it happens, when even the queue may be gone.
+    static void onTaskEnded(const Share &share, const std::shared_ptr<TaskLife> &life, const Entry *entry,
+                            quint64 stay);
+    static void onTaskDestroyed(const Share &share, Task *task);
+    static void onTaskPriorityChanged(const Share &share, const Task *task);
+    /// The task is idle again. Returns whether a dispatch is owed.
+    static bool onTaskIdle(const Share &share, const Task *task);
+    static void recount(const Share &share, const Task *task);
 
     // These are called with the lock held, and with tasks that are not past aboutToDestroy().
     Entry *entryOf(const Task *task) const;
@@ -145,22 +128,19 @@ public:
     Entry *ensureEntry(Task *task);
     bool isPending(const Task *task) const;
     bool insert(Task *task, EnqueueMode mode);
-    Entry *nextReady();
-    Task *takeNextIdle();
+    /// Into \a hand, if there is one.
+    Task *takeNextIdle(TasksQueueHand *hand);
     void takeOut(Entry *entry);
-    /// Null when another queue has taken the task.
-    Entry *setRunning(Task *task);
     void follow(Entry *entry);
     static void unfollow(Entry *entry);
     void forget(Entry *entry);
-    Entries takeAllPending();
-    Entries takeAllRunning();
-    bool clearTasks(Entries entries, ClearPolicy policy, const Error &error);
+    void takeAll(TasksQueueClearing &clearing);
     void forgetAll(Entries &entries);
-    Entries takeAllLeaving();
+    void forgetEverything();
+    TasksQueueClearing *clearingOfThisThread() const;
 
     TasksQueue *const q;
-    const std::shared_ptr<TasksQueueLock> lock;
+    const Share share;
 
     QString name;
     State state = Idle;
@@ -176,32 +156,39 @@ public:
     Entries returned;
     /// The returned ones by turn: their places in the ready lists are taken.
     std::map<std::pair<int, qint64>, Entry *> returnedByTurn;
+    Entries claimed;
     Entries running;
     Entries outside;
-    /// What calls of clear() have taken and not come to yet, those of the innermost call first.
-    Entries leaving;
     Entries unused;
+    /// The calls of clear() that are under way, on all threads.
+    std::vector<TasksQueueClearing *> clearings;
     /// Sizes of the ready, parked and returned lists together.
     int pendingCount = 0;
-    /// Running entries that are counted.
+    /// Entries that are counted: running ones, and those that clear() has not come to.
     int countedRunning = 0;
     quint64 lastStay = 0;
     qint64 firstOrder = 0;
     qint64 lastOrder = 0;
-
-public Q_SLOTS:
-    void onTaskFinished(const QPointer<Task> &task, const Entry *entry, quint64 stay);
-    void readd(const Entry *entry, quint64 stay);
+    /// How often a dispatch was asked for. A pass that has seen them all may make the queue Idle.
+    quint64 requests = 0;
 
 private:
-    // Called with the lock held, but for unpark(), which takes it.
+    // These take the lock.
+    void announce(State announced);
+    bool leavesStartToOthers() const;
+    bool take(TasksQueueHand &hand, Task *task);
+    void abandonStart(const TasksQueueHand &hand);
+    static void readd(const Share &share, const Entry *entry, quint64 stay);
+
+    // Called with the lock held.
+    Entry *nextReady();
     Entries &listOf(const Entry &entry);
     void move(Entry *entry, Entry::Place place, Entries &to, Entries::iterator before);
     void setCounted(Entry *entry, bool isCounted);
-    void park(Entry *entry);
-    void unpark(Entry *entry, quint64 stay);
-    bool leavesStartToOthers() const;
-    void abandonStart(Entry *entry, quint64 stay);
+
+    /// The thread that is emitting stateChanged(), and what others have it announce next.
+    Qt::HANDLE m_announcer = nullptr;
+    std::deque<State> m_announcements;
 };
 
 } // namespace zel

@@ -17,13 +17,30 @@ namespace {
 // The regular wake-up and everything that was connected before it are posted by then.
 constexpr int turnsBehindRegularWakeUp = 2;
 
+// Saturates: a long duration must not wrap into "no time-out".
+int toTimeout(std::chrono::milliseconds duration)
+{
+    if (duration.count() < 0)
+        return -1;
+    return int(qMin<qint64>(duration.count(), std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
 /// One blocking wait, on the waiting thread's stack.
-class Wait final : public TaskWatcher {
+class BaseTask::Private::Wait final : public TaskWatcher {
 public:
-    Wait(std::shared_ptr<TaskRef> ref, Qt::ConnectionType wakeUp) : m_ref(std::move(ref)), m_wakeUp(wakeUp)
+    Wait(std::shared_ptr<TaskLife> life, Qt::ConnectionType wakeUp) : m_life(std::move(life)), m_wakeUp(wakeUp)
     {
-        const QMutexLocker locker(m_ref->mutex());
-        m_ref->add(this);
+        const Error gone = destroyedError();
+        const QMutexLocker locker(m_life->mutex());
+        if (const BaseTask *task = m_life->task()) {
+            m_life->add(this);
+            if (m_life->state() == Finished)
+                onEnded(task, false);
+        } else {
+            end(gone);
+        }
     }
 
     ~Wait() { static_cast<void>(close()); }
@@ -34,14 +51,14 @@ public:
     /// Returns the result; none comes any more.
     Error close()
     {
-        const QMutexLocker locker(m_ref->mutex());
-        m_ref->remove(this);
+        const QMutexLocker locker(m_life->mutex());
+        m_life->remove(this);
         return m_result.value_or(Error());
     }
 
     void endWith(const Error &error)
     {
-        const QMutexLocker locker(m_ref->mutex());
+        const QMutexLocker locker(m_life->mutex());
         end(error);
     }
 
@@ -74,7 +91,7 @@ private:
         if (!m_outcome)
             m_outcome = error;
         const auto step = [this, error, turns] {
-            const QMutexLocker locker(m_ref->mutex());
+            const QMutexLocker locker(m_life->mutex());
             if (turns > 1)
                 endLater(error, turns - 1);
             else
@@ -83,34 +100,20 @@ private:
         QMetaObject::invokeMethod(&m_loop, step, Qt::QueuedConnection);
     }
 
-    const std::shared_ptr<TaskRef> m_ref;
+    const std::shared_ptr<TaskLife> m_life;
     const Qt::ConnectionType m_wakeUp;
     QEventLoop m_loop;
-    // Guarded by the mutex of the reference.
+    // Guarded by the mutex of the life.
     std::optional<Error> m_outcome;
     std::optional<Error> m_result;
 };
-
-// Saturates: a long duration must not wrap into "no time-out".
-int toTimeout(std::chrono::milliseconds duration)
-{
-    if (duration.count() < 0)
-        return -1;
-    return int(qMin<qint64>(duration.count(), std::numeric_limits<int>::max()));
-}
-
-} // namespace
 
 Error BaseTask::Private::wait(Qt::ConnectionType wakeUp, int msec)
 {
     if (q->isFinished())
         return q->error();
 
-    Wait wait(ref(), wakeUp);
-    if (q->isFinished()) {
-        const QMutexLocker locker(knownRef.load()->mutex());
-        wait.onEnded(q, false);
-    }
+    Wait wait(life, wakeUp);
     const auto flags = waitMode == ExcludeUserInput ? QEventLoop::ExcludeUserInputEvents : QEventLoop::AllEvents;
     std::optional<QTimer> timer;
     if (msec >= 0) {

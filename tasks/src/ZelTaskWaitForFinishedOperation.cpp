@@ -15,7 +15,10 @@ namespace QCoro::detail {
 class Q_DECL_HIDDEN ZelTaskWaitForFinishedOperation::Record final : public zel::TaskWatcher,
                                                                     public std::enable_shared_from_this<Record> {
 public:
-    explicit Record(const zel::BaseTask *awaited) : task(awaited) { }
+    explicit Record(const zel::BaseTask *awaited) : life(awaited ? zel::TaskLife::of(awaited) : nullptr) { }
+
+    bool isGone() const { return !life || !life->task(); }
+    bool isToBeWaitedFor() const { return !isGone() && life->state() != zel::BaseTask::Finished; }
 
     void watch(std::coroutine_handle<> awaitingCoroutine);
     /// Nothing resumes the coroutine after this.
@@ -26,14 +29,14 @@ public:
     void onEnded(const zel::BaseTask *awaited, bool isAnnounced) override;
     void onDestroyed(const zel::BaseTask *awaited, const zel::Error &error) override;
 
-    const QPointer<const zel::BaseTask> task;
+    /// Null when there was no task.
+    const std::shared_ptr<zel::TaskLife> life;
 
 private:
     void disconnectTask(const QMetaObject::Connection &connection) const;
     void postResume(QObject *context, int turns);
 
-    /// Null until the awaiter waits. Its mutex guards what follows.
-    std::shared_ptr<zel::TaskRef> m_ref;
+    // Guarded by the mutex of the life.
     std::coroutine_handle<> m_awaiting;
     QPointer<QThread> m_awaitingThread;
     /// What the task had for an error when it ended. It counts once the task is gone or runs again.
@@ -46,46 +49,43 @@ private:
 void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awaitingCoroutine)
 {
     using zel::BaseTask;
-    const BaseTask *awaited = task;
-    auto *internals = BaseTask::Private::of(awaited);
-    m_ref = internals->ref();
     m_awaiting = awaitingCoroutine;
     m_awaitingThread = QThread::currentThread();
-    const auto connection = QObject::connect(
-        awaited, &BaseTask::finished, internals,
-        [weak = weak_from_this()] {
-            if (const auto record = weak.lock())
-                record->resume();
-        },
-        Qt::QueuedConnection);
-
-    // Another thread may have resumed the coroutine, and destroyed the task, since it was connected.
-    QMutexLocker locker(m_ref->mutex());
-    if (!m_ref->get()) {
-        locker.unlock();
-        const zel::Error error = BaseTask::Private::destroyedError();
-        locker.relock();
-        if (m_awaiting)
-            onDestroyed(nullptr, error);
-        return;
+    const zel::TaskVisit visit(life);
+    const BaseTask *awaited = visit.task();
+    QMetaObject::Connection connection;
+    if (awaited) {
+        connection = QObject::connect(
+            awaited, &BaseTask::finished, BaseTask::Private::of(awaited),
+            [weak = weak_from_this()] {
+                if (const auto record = weak.lock())
+                    record->resume();
+            },
+            Qt::QueuedConnection);
     }
+
+    // Another thread may have resumed the coroutine, or begun to destroy the task, since it was connected.
+    const zel::Error gone = BaseTask::Private::destroyedError();
+    QMutexLocker locker(life->mutex());
     if (!m_awaiting) {
         locker.unlock();
         disconnectTask(connection);
         return;
     }
     m_connection = connection;
-    m_ref->add(this);
-    if (awaited->isFinished())
+    if (!life->task())
+        return onDestroyed(nullptr, gone);
+    life->add(this);
+    if (life->state() == BaseTask::Finished)
         onEnded(awaited, false);
 }
 
 std::coroutine_handle<> ZelTaskWaitForFinishedOperation::Record::detach()
 {
-    if (!m_ref)
+    if (!life)
         return {};
-    QMutexLocker locker(m_ref->mutex());
-    m_ref->remove(this);
+    QMutexLocker locker(life->mutex());
+    life->remove(this);
     const auto awaiting = std::exchange(m_awaiting, {});
     const auto connection = std::exchange(m_connection, {});
     locker.unlock();
@@ -96,8 +96,10 @@ std::coroutine_handle<> ZelTaskWaitForFinishedOperation::Record::detach()
 // Unless the task is on its way out, and the connection with it.
 void ZelTaskWaitForFinishedOperation::Record::disconnectTask(const QMetaObject::Connection &connection) const
 {
-    const zel::TaskHold hold(*m_ref);
-    if (hold.task())
+    if (!connection)
+        return;
+    const zel::TaskVisit visit(life);
+    if (visit.isInside())
         QObject::disconnect(connection);
 }
 
@@ -109,25 +111,25 @@ void ZelTaskWaitForFinishedOperation::Record::resume()
 
 zel::Error ZelTaskWaitForFinishedOperation::Record::result() const
 {
-    std::optional<QMutexLocker<QMutex>> locker;
-    if (m_ref)
-        locker.emplace(m_ref->mutex());
-    const bool isStillEnded = m_endedRun && task && zel::BaseTask::Private::of(task)->run == m_endedRun;
+    if (!life)
+        return zel::Error(zel::NoError);
+    const zel::TaskVisit visit(life);
+    const QMutexLocker locker(life->mutex());
+    const bool isStillEnded = m_endedRun && visit.isInside() && life->run() == m_endedRun;
     if (m_outcome && !isStillEnded)
         return *m_outcome;
-    return task ? task->error() : zel::Error(zel::NoError);
+    return visit.isInside() ? visit.task()->error() : zel::Error(zel::NoError);
 }
 
 // What finish() announces resumes the coroutine through the connection. Behind what such an end posts, the others do.
 void ZelTaskWaitForFinishedOperation::Record::onEnded(const zel::BaseTask *awaited, bool isAnnounced)
 {
-    auto *internals = zel::BaseTask::Private::of(awaited);
     if (!m_outcome) {
         m_outcome = awaited->error();
-        m_endedRun = internals->run;
+        m_endedRun = life->run();
     }
     if (!isAnnounced)
-        postResume(internals, 2);
+        postResume(zel::BaseTask::Private::of(awaited), 2);
 }
 
 // The task's own events go with it; the coroutine must not be resumed inside its destructor.
@@ -191,14 +193,14 @@ ZelTaskWaitForFinishedOperation::~ZelTaskWaitForFinishedOperation()
 
 bool ZelTaskWaitForFinishedOperation::await_ready() const
 {
-    return d->task && d->task->isFinished();
+    return !d->isGone() && d->life->state() == zel::BaseTask::Finished;
 }
 
 void ZelTaskWaitForFinishedOperation::await_suspend(std::coroutine_handle<> awaitingCoroutine)
 {
     // Another thread may resume the coroutine, and with it destroy this awaiter, before watch() returns.
     const auto record = d;
-    if (record->task && !record->task->isFinished())
+    if (record->isToBeWaitedFor())
         record->watch(awaitingCoroutine);
     else
         awaitingCoroutine.resume();

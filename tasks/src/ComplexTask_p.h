@@ -1,0 +1,51 @@
+#pragma once
+
+#include "GroupChild.h"
+#include "TaskLife.h"
+
+#include <zel/tasks/ComplexTask.h>
+
+#include <QList>
+#include <QPointer>
+
+#include <functional>
+#include <memory>
+
+namespace zel {
+
+class TasksQueueShare;
+
+class Q_DECL_HIDDEN ComplexTask::Private {
+public:
+    /// A subtask to be started, in the run that it was in when the group was given it.
+    struct Admitted {
+        Task *task;
+        std::shared_ptr<TaskLife> life;
+        quint64 run;
+
+        bool isToBeStarted() const { return life->isIn(run); }
+    };
+
+    explicit Private(ComplexTask *task) : q(task) { }
+
+    static Private *of(const ComplexTask *task) { return task->d.get(); }
+
+    void setupGroupTask(GroupTask *group);
+    GroupTask *ensureGroupTask();
+    void onGroupFinished(const GroupTask *group, quint64 use, quint64 run);
+    void postGroupFinished(GroupTask *group);
+    void beginRun();
+    void connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure);
+    QList<Admitted> admit(const QList<Task *> &tasks);
+    static void startDirectly(const QList<Admitted> &subtasks);
+    void startThroughQueue(const QList<Admitted> &subtasks, const std::shared_ptr<TasksQueueShare> &share);
+
+    /// May have been deleted by others.
+    QPointer<GroupTask> groupTask;
+    ComplexTask *const q;
+    /// That of the group; it stays when others delete that.
+    std::shared_ptr<GroupNode> node;
+    bool hasRun = false; ///< the present group has been used by a run
+};
+
+} // namespace zel

@@ -1,0 +1,80 @@
+#include "GroupChild.h"
+
+#include "GroupTask_p.h"
+#include "Interleaving.h"
+
+#include <QThread>
+
+namespace zel {
+
+namespace {
+
+/// Has the group handle something: here, with its lock held, or in its thread, by the type of the connection.
+template <typename Handle>
+void tell(const std::shared_ptr<GroupChild> &child, Handle handle)
+{
+    interleavingPoint("tell group");
+    const auto handleLocked = [link = child->link, handle = std::move(handle)] {
+        // The lock first: whoever destroys the group in a handler holds it, and would wait for the visit.
+        GroupLocker::notify(link->mutex, [link, handle] {
+            const TaskVisit visit(link->life);
+            if (visit.isInside())
+                handle(visit);
+        });
+    };
+    if (child->connectionType == Qt::DirectConnection)
+        handleLocked();
+    else
+        deliverTo(child->link->life, handleLocked, child->connectionType);
+}
+
+} // namespace
+
+void GroupChild::reportStart(const std::shared_ptr<GroupChild> &child)
+{
+    if (!child->isListed)
+        return;
+    const quint64 run = child->life->run();
+    // Unless an earlier handler of started() has ended it, which is reported already.
+    if (child->reportedRun < run)
+        child->begunRun = run;
+    ++child->link->startsUnderWay;
+    tell(child, [child, run, use = child->link->use.load()](const TaskVisit &group) {
+        --child->link->startsUnderWay;
+        GroupTask::Private::of(group)->onChildStarted(child, run, use);
+    });
+}
+
+void GroupChild::reportEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error)
+{
+    quint64 reported = child->reportedRun;
+    do {
+        if (reported >= run)
+            return;
+    } while (!child->reportedRun.compare_exchange_weak(reported, run));
+    tell(child, [child, run, use = child->link->use.load(), error](const TaskVisit &group) {
+        GroupTask::Private::of(group)->onChildFinished(child, run, use, error);
+    });
+}
+
+void GroupChild::reportProgress(const std::shared_ptr<GroupChild> &child, int value, int total)
+{
+    tell(child, [child, value, total](const TaskVisit &group) {
+        GroupTask::Private::of(group)->onChildProgress(child, value, total);
+    });
+}
+
+void GroupChild::reportMissedEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error)
+{
+    // One that runs again, begun by a handler, tells of that itself.
+    if (!child->life->task() || child->life->run() == run || child->life->state() == BaseTask::Idle)
+        reportEnd(child, run, error);
+}
+
+void GroupChild::noteIdle(const std::shared_ptr<GroupChild> &child)
+{
+    const QMutexLocker locker(&child->link->idleMutex);
+    child->link->idleAgain.push_back(child);
+}
+
+} // namespace zel

@@ -1,0 +1,97 @@
+#include "GroupLocker.h"
+
+#include "Interleaving.h"
+#include "TasksLog.h"
+
+#include <cxxabi.h>
+
+#include <deque>
+#include <exception>
+
+namespace zel {
+
+namespace {
+
+thread_local int heldLocks = 0;
+thread_local std::deque<std::function<void()>> putOff;
+
+} // namespace
+
+bool GroupLocker::isAnyHeld()
+{
+    return heldLocks > 0;
+}
+
+GroupLocker::GroupLocker(Mutex mutex) : m_mutex(std::move(mutex))
+{
+    interleavingPoint("lock group");
+    m_mutex->lock();
+    ++heldLocks;
+}
+
+GroupLocker::GroupLocker(Mutex mutex, std::adopt_lock_t) : m_mutex(std::move(mutex))
+{
+    ++heldLocks;
+}
+
+GroupLocker::~GroupLocker()
+{
+    m_mutex->unlock();
+    --heldLocks;
+    interleavingPoint("unlocked group");
+}
+
+void GroupLocker::notify(const Mutex &mutex, std::function<void()> call)
+{
+    if (!isAnyHeld())
+        return lockAndCall(mutex, std::move(call));
+    if (!mutex->tryLock())
+        return callUnlocked([mutex, call = std::move(call)] { lockAndCall(mutex, call); });
+    // This thread holds another one: its owner calls what is put off.
+    const GroupLocker locker(mutex, std::adopt_lock);
+    call();
+}
+
+void GroupLocker::callUnlocked(std::function<void()> call)
+{
+    if (isAnyHeld())
+        putOff.push_back(std::move(call));
+    else
+        call();
+}
+
+// Once for each call that was put off, also by one of these.
+void GroupLocker::callPutOff()
+{
+    while (!isAnyHeld() && !putOff.empty()) {
+        const auto call = std::move(putOff.front());
+        putOff.pop_front();
+        try {
+            call();
+        } catch (...) {
+            // What it throws does not take the others with it.
+            callPutOffAfterThrow();
+            throw;
+        }
+    }
+}
+
+void GroupLocker::callPutOffAfterThrow()
+{
+    while (!isAnyHeld() && !putOff.empty()) {
+        const auto call = std::move(putOff.front());
+        putOff.pop_front();
+        try {
+            call();
+        } catch (const abi::__forced_unwind &) {
+            throw;
+        } catch (const std::exception &exception) {
+            qCCritical(tasksLog) << "Unhandled exception:" << exception.what();
+        } catch (...) {
+            qCCritical(tasksLog) << "Unhandled exception:"
+                                 << "unknown exception";
+        }
+    }
+}
+
+} // namespace zel

@@ -1,0 +1,300 @@
+#include "TaskLife.h"
+
+#include "Departure.h"
+#include "GroupLocker.h"
+#include "Interleaving.h"
+#include "TasksLog.h"
+
+#include <QThread>
+
+#include <algorithm>
+#include <utility>
+
+namespace zel {
+
+namespace {
+
+// The visits of this thread, innermost first.
+thread_local TaskVisit *innermostVisit = nullptr;
+
+} // namespace
+
+quint64 TaskLife::claimStart(bool isToBeIdle)
+{
+    interleavingPoint("claim start");
+    const QMutexLocker locker(&m_mutex);
+    if (!task() || m_claim != 0 || isEnding() || (isToBeIdle && m_state != BaseTask::Idle))
+        return 0;
+    m_claimedRun = m_run;
+    m_claim = ++m_lastNumber;
+    return m_claim;
+}
+
+void TaskLife::releaseStart(quint64 claim)
+{
+    const QMutexLocker locker(&m_mutex);
+    if (claim != 0 && m_claim == claim)
+        m_claim = 0;
+}
+
+std::optional<TaskLife::Change> TaskLife::begin(quint64 claim, quint64 seenRun)
+{
+    interleavingPoint("begin");
+    const QMutexLocker locker(&m_mutex);
+    if (!task() || m_claim != claim)
+        return {};
+    m_claim = 0;
+    const bool isMeant = m_run == (claim != 0 ? m_claimedRun : seenRun);
+    const bool isStart = m_state == BaseTask::Idle || m_state == BaseTask::Finished;
+    if (!isMeant || (isStart && isEnding()))
+        return {};
+    return move(BaseTask::Running, Plainly);
+}
+
+quint64 TaskLife::claimEnd()
+{
+    interleavingPoint("claim end");
+    const QMutexLocker locker(&m_mutex);
+    if (!task() || m_state == BaseTask::Finished || isEnding())
+        return 0;
+    m_endingRun = m_run.load();
+    return m_run;
+}
+
+void TaskLife::releaseEnd(quint64 run)
+{
+    const QMutexLocker locker(&m_mutex);
+    if (m_endingRun == run)
+        m_endingRun = 0;
+}
+
+std::optional<TaskLife::Change> TaskLife::complete(quint64 run, bool isAnnounced)
+{
+    interleavingPoint("complete");
+    const QMutexLocker locker(&m_mutex);
+    if (!isIn(run))
+        return {};
+    return move(BaseTask::Finished, isAnnounced ? Announced : Quietly);
+}
+
+bool TaskLife::storeError(quint64 run, const Error &error)
+{
+    const QMutexLocker locker(&m_mutex);
+    if (!isIn(run))
+        return false;
+    task()->storeError(error);
+    return true;
+}
+
+std::optional<TaskLife::Change> TaskLife::change(State state, std::optional<quint64> expectedRun)
+{
+    interleavingPoint("change state");
+    const QMutexLocker locker(&m_mutex);
+    if (expectedRun && m_run != expectedRun)
+        return {};
+    return move(state, Plainly);
+}
+
+TaskLife::State TaskLife::pausedState() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_pausedState;
+}
+
+// The only place where the state and the number of the run change.
+TaskLife::Change TaskLife::move(State state, How how)
+{
+    const State left = m_state;
+    const bool isResumed = left == BaseTask::Paused && m_pausedState == state;
+    const bool begins = state == BaseTask::Running && (left == BaseTask::Idle || left == BaseTask::Finished);
+    const bool isReset = state == BaseTask::Idle && left != BaseTask::Idle;
+    const bool isReached = state == BaseTask::Finished && left != BaseTask::Finished;
+    // While finish() is at work, it says itself when the run is over.
+    const bool isLeftToFinish = how == Plainly && isEnding();
+    const bool ends = isReached && !isResumed && !isLeftToFinish;
+    if (isResumed && state == BaseTask::Finished) {
+        m_run = m_endedRun;
+    } else if (begins || isReset || ends) {
+        m_run = ++m_lastNumber;
+        m_endingRun = 0;
+    } else if (state == BaseTask::Paused && left == BaseTask::Finished) {
+        // It can be ended once more, unless it is resumed first.
+        m_endedRun = m_run;
+        m_run = ++m_lastNumber;
+    }
+    if (left == BaseTask::Finished && (begins || isReset) && task())
+        task()->ErrorCancelable::setCanceled(false);
+    if (state == BaseTask::Paused && left != BaseTask::Paused)
+        m_pausedState = left;
+    m_previousState = left;
+    m_state = state;
+    return {left, m_run, isReset, isReached && how != Announced && !isLeftToFinish};
+}
+
+void TaskLife::addFollower(const std::shared_ptr<GroupChild> &child)
+{
+    const QMutexLocker locker(&m_mutex);
+    m_followers.push_back(child);
+    m_hasFollowers = true;
+}
+
+void TaskLife::removeFollower(const GroupChild *child)
+{
+    std::shared_ptr<GroupChild> held;
+    const QMutexLocker locker(&m_mutex);
+    const auto found = std::find_if(m_followers.begin(), m_followers.end(),
+                                    [child](const auto &follower) { return follower.get() == child; });
+    if (found == m_followers.end())
+        return;
+    held = std::move(*found);
+    m_followers.erase(found);
+    m_hasFollowers = !m_followers.empty();
+}
+
+std::vector<std::shared_ptr<GroupChild>> TaskLife::followers() const
+{
+    if (!m_hasFollowers)
+        return {};
+    const QMutexLocker locker(&m_mutex);
+    return m_followers;
+}
+
+void TaskLife::retire()
+{
+    interleavingPoint("retire");
+    const QMutexLocker locker(&m_mutex);
+    m_destroyer = QThread::currentThreadId();
+    m_task = nullptr;
+}
+
+void TaskLife::setWhole(BaseTask *task)
+{
+    m_dying = task;
+}
+
+BaseTask *TaskLife::dyingTask() const
+{
+    return m_destroyer == QThread::currentThreadId() ? m_dying.load() : nullptr;
+}
+
+void TaskLife::waitForVisitors(const QString &name) const
+{
+    waitUntilAlone(TaskVisit::Operation, name);
+}
+
+void TaskLife::waitForWorkers(const QString &name) const
+{
+    waitUntilAlone(TaskVisit::Work, name);
+}
+
+void TaskLife::waitUntilAlone(size_t kind, const QString &name) const
+{
+    interleavingPoint("wait for visitors");
+    const int own = TaskVisit::countOnThisThread(this, kind);
+    const std::atomic<int> &visits = m_visits.at(kind);
+    if (visits == own)
+        return;
+#ifndef QT_NO_DEBUG
+    if (!m_task && GroupLocker::isAnyHeld())
+        qFatal("Task \"%s\" is destroyed in a handler of a group's signal while another thread is at work with it: use "
+               "deleteLater() there",
+               qUtf8Printable(name));
+#endif
+    departure::wait([&visits, own] { return visits == own; },
+                    [&name] { qCWarning(tasksLog) << "Still waiting for the work of task" << name << "to return"; });
+}
+
+void TaskLife::add(TaskWatcher *watcher)
+{
+    watcher->m_next = nullptr;
+    TaskWatcher *const last = m_lastWatcher;
+    watcher->m_previous = last;
+    if (last)
+        last->m_next = watcher;
+    else
+        m_watchers = watcher;
+    m_lastWatcher = watcher;
+    watcher->m_isListed = true;
+}
+
+void TaskLife::remove(TaskWatcher *watcher)
+{
+    if (!std::exchange(watcher->m_isListed, false))
+        return;
+    if (watcher->m_previous)
+        watcher->m_previous->m_next = watcher->m_next;
+    else
+        m_watchers = watcher->m_next;
+    (watcher->m_next ? watcher->m_next->m_previous : m_lastWatcher) = watcher->m_previous;
+}
+
+void TaskLife::notifyEnded(bool isAnnounced)
+{
+    for (TaskWatcher *watcher = m_watchers; watcher; watcher = watcher->m_next)
+        watcher->onEnded(m_task, isAnnounced);
+}
+
+void TaskLife::notifyDestroyed(const BaseTask *task, const Error &error)
+{
+    for (TaskWatcher *watcher = m_watchers; watcher; watcher = watcher->m_next)
+        watcher->onDestroyed(task, error);
+}
+
+TaskVisit::TaskVisit(std::shared_ptr<TaskLife> life, Kind kind)
+    : m_life(std::move(life))
+    , m_kind(kind)
+    , m_isInside(true)
+    , m_outer(std::exchange(innermostVisit, this))
+{
+    ++m_life->m_visits[kind];
+    if (!m_life->task())
+        leave();
+}
+
+TaskVisit::~TaskVisit()
+{
+    // Most often the innermost one; a visit that is handed over ends in another order.
+    TaskVisit **link = &innermostVisit;
+    while (*link != this)
+        link = &(*link)->m_outer;
+    *link = m_outer;
+    leave();
+}
+
+void TaskVisit::leave()
+{
+    if (!std::exchange(m_isInside, false))
+        return;
+    interleavingPoint("leave");
+    --m_life->m_visits[m_kind];
+    // Somebody may be waiting: a destructor, or stopWorkingThread() for work.
+    if (m_kind == Work || !m_life->task())
+        departure::announce();
+}
+
+void TaskVisit::leaveWork(const TaskLife *life)
+{
+    for (TaskVisit *visit = innermostVisit; visit; visit = visit->m_outer) {
+        if (visit->m_kind == Work && visit->m_life.get() == life)
+            visit->leave();
+    }
+}
+
+std::optional<quint64> TaskVisit::runBeingEnded(const TaskLife *life)
+{
+    for (const TaskVisit *visit = innermostVisit; visit; visit = visit->m_outer) {
+        if (visit->m_endedRun != 0 && visit->m_life.get() == life)
+            return visit->m_endedRun;
+    }
+    return {};
+}
+
+int TaskVisit::countOnThisThread(const TaskLife *life, size_t kind)
+{
+    int count = 0;
+    for (const TaskVisit *visit = innermostVisit; visit; visit = visit->m_outer)
+        count += visit->m_isInside && visit->m_kind == kind && visit->m_life.get() == life;
+    return count;
+}
+
+} // namespace zel

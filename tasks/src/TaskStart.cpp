@@ -1,0 +1,71 @@
+#include "TaskStart.h"
+
+#include <QThread>
+
+#include <utility>
+
+namespace zel {
+
+namespace {
+
+thread_local TaskStart *innermostStart = nullptr;
+
+int nextDepth(const TasksQueueShare *share)
+{
+    const TaskStart *outer = share ? TaskStart::innermostOf(share) : nullptr;
+    return outer ? outer->depth() + 1 : 1;
+}
+
+} // namespace
+
+TaskStart::TaskStart(std::shared_ptr<TaskLife> life, quint64 claim, const TasksQueueShare *share)
+    : m_life(std::move(life))
+    , m_claim(claim)
+    , m_share(share)
+    , m_loopLevel(QThread::currentThread()->loopLevel())
+    , m_depth(nextDepth(share))
+    , m_outer(std::exchange(innermostStart, this))
+{
+}
+
+TaskStart::TaskStart(const TasksQueueShare *share) : TaskStart(nullptr, 0, share) { }
+
+TaskStart::~TaskStart()
+{
+    innermostStart = m_outer;
+    if (m_life && !m_isUsed)
+        m_life->releaseStart(m_claim);
+}
+
+TaskStart *TaskStart::unusedOf(const TaskLife *life)
+{
+    TaskStart *start = innermostStart;
+    while (start && (start->m_life.get() != life || start->m_isUsed))
+        start = start->m_outer;
+    return start;
+}
+
+const TaskStart *TaskStart::innermostOf(const TasksQueueShare *share)
+{
+    const TaskStart *start = innermostStart;
+    while (start && start->m_share != share)
+        start = start->m_outer;
+    return start;
+}
+
+void TaskStart::setReturning(const TaskLife *life)
+{
+    TaskStart *start = innermostStart;
+    while (start && start->m_life.get() != life)
+        start = start->m_outer;
+    if (start)
+        start->m_isReturning = true;
+}
+
+quint64 TaskStart::use()
+{
+    m_isUsed = true;
+    return m_claim;
+}
+
+} // namespace zel
