@@ -4,6 +4,8 @@
 #include "support/Rows.h"
 #include "support/Waiting.h"
 
+#include <zel/tasks/ComplexTask.h>
+#include <zel/tasks/GroupTask.h>
 #include <zel/tasks/Task.h>
 #include <zel/tasks/TasksQueue.h>
 
@@ -13,6 +15,7 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -26,7 +29,8 @@ namespace {
 /// A queue that starts one task at a time, and named tasks for it; the log keeps "started" unless told otherwise.
 class Bench {
 public:
-    explicit Bench(int limit = 1, Qt::ConnectionType type = Qt::QueuedConnection) : queue(new TasksQueue)
+    explicit Bench(int limit = 1, Qt::ConnectionType type = Qt::QueuedConnection, TasksQueue *ownQueue = nullptr)
+        : queue(ownQueue ? ownQueue : new TasksQueue)
     {
         queue->setName(u"q"_s);
         queue->setMaxRunningTasksCount(limit);
@@ -76,6 +80,46 @@ struct Late {
     BaseTask::State state;
     int counts; // of the queue, and ten times that of the other one
     std::function<void(TasksQueue &, TasksQueue &other, Task *)> action;
+};
+
+/// Where a task is set idle in its run, and what the queue's limit is there.
+enum class Reset {
+    WhileRunning,
+    InStateChanged,
+    InFinished,
+    AfterFinish,
+};
+
+using BenchStep = std::function<void(Bench &, Task *)>;
+
+/// A subclass that shows what it inherits, and tells of what the queue calls.
+class OpenQueue : public TasksQueue {
+public:
+    using TasksQueue::addTask;
+    using TasksQueue::clearTask;
+    using TasksQueue::connectTask;
+    using TasksQueue::disconnectTask;
+    using TasksQueue::enqueueTask;
+    using TasksQueue::exec;
+    using TasksQueue::removeRunningTask;
+
+    std::function<void()> beforeTaskFinished = [] {};
+    std::function<void()> afterTaskFinished = [] {};
+    int destroyedTasks = 0;
+
+    void onTaskDestroyed(Task *task) override
+    {
+        ++destroyedTasks;
+        TasksQueue::onTaskDestroyed(task);
+    }
+
+protected:
+    void onTaskFinished(Task *task) override
+    {
+        beforeTaskFinished();
+        TasksQueue::onTaskFinished(task);
+        afterTaskFinished();
+    }
 };
 
 // Destroyed after everything else of this program that is, the queue before the task that it still holds.
@@ -544,6 +588,246 @@ private Q_SLOTS:
         drainEvents();
         QCOMPARE(ranIn, thread());
         QVERIFY(bench.isDrained());
+    }
+
+    void appendByWorkThatGaveUpItsSlotStartsAtOnce()
+    {
+        const BenchStep ways[] = {
+            [](Bench &bench, Task *outer) { bench.queue->removeTask(outer); },
+            [](Bench &bench, Task *) { bench.queue->clear(); },
+            [](Bench &, Task *outer) { outer->finish(); },
+        };
+        for (const auto type : connectionTypes) {
+            for (const BenchStep &giveUp : ways) {
+                // Queued, an end is handled later.
+                Bench bench(type == Qt::QueuedConnection && &giveUp == &ways[2] ? 2 : 1, type);
+                Task *inner = bench.quickTask(u"inner"_s);
+                bool isDone = false;
+                Task *outer = bench.quickTask(u"outer"_s, [&] {
+                    giveUp(bench, outer);
+                    bench.queue->append(inner);
+                    isDone = inner->isFinished();
+                });
+                bench.queue->append(outer);
+                QVERIFY(isDone);
+                drainEvents();
+                QVERIFY(bench.isDrained());
+            }
+        }
+    }
+
+    void workMayWaitForATaskBehindItInTheList()
+    {
+        for (const auto type : connectionTypes) {
+            Bench bench(2, type);
+            Task *behind = bench.quickTask(u"behind"_s);
+            Error waited(GeneralError);
+            Task *waiting = bench.quickTask(u"waiting"_s, [&] { waited = behind->waitForFinished(2000); });
+            bench.queue->append({waiting, behind});
+            QCOMPARE(waited, Error());
+        }
+    }
+
+    void taskThatIsSetIdleFreesItsSlotAndIsLeftAlone_data()
+    {
+        addRows<Reset>({
+            {"while it runs", Reset::WhileRunning},
+            {"by a handler of stateChanged()", Reset::InStateChanged},
+            {"by a handler of finished()", Reset::InFinished},
+            {"before its end is handled", Reset::AfterFinish},
+        });
+    }
+
+    void taskThatIsSetIdleFreesItsSlotAndIsLeftAlone()
+    {
+        QFETCH(const Reset, row);
+        for (const auto type : connectionTypes) {
+            Bench bench(1, type);
+            const QPointer<Task> task = bench.task(u"a"_s);
+            Task *next = bench.task(u"b"_s);
+            GroupTask group;
+            group.setCleanupPolicy(GroupTask::SelfDelete);
+            group.append(task.get());
+            bench.queue->append({task, next});
+            // A direct queue has handled the end by then.
+            if (row != Reset::AfterFinish)
+                bench.queue->setCleanupMode(TasksQueue::DeleteFinished);
+            if (row == Reset::InStateChanged)
+                bench.log.on(u"a:stateChanged(Finished)"_s, [&] { task->setIdle(); });
+            if (row == Reset::InFinished)
+                bench.log.on(u"a:finished"_s, [&] { task->setIdle(); });
+            bench.log.keepOnly({u"stateChanged"_s, u"finished"_s});
+            if (row != Reset::WhileRunning)
+                task->finish();
+            if (row == Reset::WhileRunning || row == Reset::AfterFinish)
+                task->setIdle();
+            drainEvents();
+            QVERIFY(task && task->isIdle());
+            QVERIFY(next->isRunning());
+            QCOMPARE(bench.queue->count(), 1);
+            QVERIFY(group.isFinished());
+        }
+    }
+
+    void taskThatWasPassedOverIsStartedWhenItIsIdleAgain_data()
+    {
+        // What a subclass does to the parked task; it asks for the dispatch itself then.
+        addRows<std::function<void(OpenQueue &, Task *)>>({
+            {"left alone", nullptr},
+            {"connected", &OpenQueue::connectTask},
+            {"disconnected", &OpenQueue::disconnectTask},
+            {"removed if it were running", &OpenQueue::removeRunningTask},
+        });
+    }
+
+    void taskThatWasPassedOverIsStartedWhenItIsIdleAgain()
+    {
+        using Step = std::function<void(OpenQueue &, Task *)>;
+        QFETCH(const Step, row);
+        for (const auto type : connectionTypes) {
+            auto *queue = new OpenQueue;
+            Bench bench(1, type, queue);
+            queue->pause();
+            Task *task = bench.quickTask(u"a"_s);
+            queue->append(task);
+            task->pause();
+            queue->resume();
+            if (row)
+                row(*queue, task);
+            task->resume();
+            QVERIFY(task->isIdle()); // no work inside resume()
+            if (row)
+                queue->tryExec();
+            drainEvents();
+            QCOMPARE(bench.log.take(), u"a:started"_s);
+        }
+    }
+
+    void destructionInTheThreadOfTheQueueDispatchesAtOnce()
+    {
+        for (const bool throws : {false, true}) {
+            Bench bench;
+            LogCapture log;
+            Task *first = bench.task(u"a"_s);
+            Task *next = bench.quickTask(u"b"_s, [throws] {
+                if (throws)
+                    throw std::runtime_error("work");
+            });
+            Task *last = bench.task(u"c"_s);
+            bench.queue->append({first, next, last});
+            delete first;
+            // No exception can leave a destructor.
+            QCOMPARE(next->error(), throws ? Error(GeneralError, u"work"_s) : Error());
+            QVERIFY(next->isFinished());
+            QCOMPARE(log.take(u"critical"_s).size(), throws ? 1 : 0);
+            drainEvents();
+            QVERIFY(last->isRunning());
+        }
+    }
+
+    void directQueueNeedsNoEventLoop_data()
+    {
+        const auto cancelGroup = [](GroupTask::CancelSubtasksMode mode) -> BenchStep {
+            return [mode](Bench &, Task *task) {
+                GroupTask group;
+                group.setCleanupPolicy(GroupTask::SelfDelete);
+                group.setCancelSubtasksMode(mode);
+                group.append(task);
+                group.cancel();
+            };
+        };
+        addRows<BenchStep>({
+            {"its group is canceled", cancelGroup(GroupTask::CancelSubtasks)},
+            {"its group is canceled quietly", cancelGroup(GroupTask::FinishSubtasks)},
+            {"taken by another queue",
+             [](Bench &, Task *task) {
+                 task->setIdle();
+                 TasksQueue other;
+                 other.append(task);
+             }},
+        });
+    }
+
+    void directQueueNeedsNoEventLoop()
+    {
+        QFETCH(const BenchStep, row);
+        Bench bench(1, Qt::DirectConnection);
+        const auto [running, next] = bench.tasks(u"a"_s, u"b"_s);
+        bench.queue->append({running, next});
+        row(bench, running);
+        QVERIFY(next->isRunning());
+    }
+
+    void loggingChangesNoState()
+    {
+        const auto statesOfADrain = [] {
+            Bench bench;
+            bench.log.keepOnly({u"q:stateChanged"_s});
+            const auto [a, b] = bench.tasks(u"a"_s, u"b"_s);
+            bench.queue->append({a, b});
+            b->pause(); // never starts, and is there for every pass
+            a->finish();
+            drainEvents();
+            return bench.log.take();
+        };
+        const QString plain = statesOfADrain();
+        const LogCapture log;
+        QCOMPARE(plain, statesOfADrain());
+    }
+
+    void endIsHandledWithoutTheLockAndDispatchedInside()
+    {
+        for (const auto type : connectionTypes) {
+            auto *queue = new OpenQueue;
+            Bench bench(1, type, queue);
+            Gate counted;
+            std::thread other;
+            queue->beforeTaskFinished = [&] {
+                other = std::thread([&] { queue->count(), counted.arrive(); });
+                bench.log.add(counted.waitForArrival(2000) ? u"unlocked"_s : u"locked"_s);
+            };
+            queue->afterTaskFinished = [&] { bench.log.add(u"handled"_s); };
+            bench.log.keepOnly({u"started"_s, u"locked"_s, u"unlocked"_s, u"handled"_s});
+            const auto [a, b] = bench.tasks(u"a"_s, u"b"_s);
+            queue->append({a, b});
+            a->finish();
+            drainEvents();
+            other.join();
+            QCOMPARE(bench.log.take(), u"a:started unlocked b:started handled"_s);
+        }
+    }
+
+    void subclassHearsOnceOfEachTaskThatIsDestroyed()
+    {
+        OpenQueue queue;
+        queue.setMaxRunningTasksCount(1);
+        for (Task *task : {new Task(Task::Asynchronous), new Task, static_cast<Task *>(new ComplexTask)}) {
+            const int heard = queue.destroyedTasks;
+            queue.append(task);
+            delete task;
+            QCOMPARE(queue.destroyedTasks, heard + 1);
+        }
+    }
+
+    void nullIsIgnoredByWhatSubclassesCall()
+    {
+        struct OpenGroup : GroupTask {
+            using GroupTask::execTask;
+        };
+        OpenQueue queue;
+        queue.exec(nullptr);
+        queue.addTask(nullptr, TasksQueue::Append);
+        queue.enqueueTask(nullptr, TasksQueue::Prepend);
+        queue.onTaskDestroyed(nullptr);
+        queue.connectTask(nullptr);
+        queue.disconnectTask(nullptr);
+        queue.removeRunningTask(nullptr);
+        queue.clearTask(nullptr, TasksQueue::Cancel, Error());
+        QCOMPARE(queue.count(), 0);
+        OpenGroup group;
+        group.execTask(nullptr);
+        group.setQueue(&queue);
+        group.execTask(nullptr);
     }
 
     void queueAndTaskMayOutliveMain()

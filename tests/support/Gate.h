@@ -22,7 +22,7 @@ public:
         m_arrived.release();
     }
     /// False when nobody came in a generous time.
-    bool waitForArrival() { return m_arrived.tryAcquire(1, 30'000); }
+    bool waitForArrival(int msec = 30'000) { return m_arrived.tryAcquire(1, msec); }
     void open() { m_open.release(); }
 
     /// The thread object that arrived last; null when it has been freed.
