@@ -10,6 +10,7 @@
 
 #include <QMetaEnum>
 #include <QPointer>
+#include <QTimer>
 
 #include <memory>
 #include <thread>
@@ -167,6 +168,43 @@ private Q_SLOTS:
             task.finish();
             QCOMPARE(events.take(), u"errorChanged(NoError) "_s + endOfRun);
         }
+    }
+
+    void startThatAHandlerReplacedAnnouncesNothingMore()
+    {
+        PlainTask task;
+        EventLog events(&task);
+        events.on(u"stateChanged(Running)"_s, [&] {
+            task.finish();
+            events.take();
+            task.setRunning();
+        });
+        task.setRunning();
+        QCOMPARE(events.take(), u"stateChanged(Running) started restarted"_s);
+    }
+
+    void signalsCanBeConnectedByNameAndQueued()
+    {
+        PlainTask task;
+        TasksQueue queue;
+        QTimer arrivals[3];
+        connect(&task, SIGNAL(stateChanged(State)), &arrivals[0], SLOT(start()), Qt::QueuedConnection);
+        connect(&task, SIGNAL(errorChanged(Error)), &arrivals[1], SLOT(start()), Qt::QueuedConnection);
+        connect(&queue, SIGNAL(stateChanged(State)), &arrivals[2], SLOT(start()), Qt::QueuedConnection);
+        task.finish();
+        queue.pause();
+        QCoreApplication::processEvents();
+        for (const QTimer &arrival : arrivals)
+            QVERIFY(arrival.isActive());
+    }
+
+    void resultIsACopy()
+    {
+        PlainTask task;
+        task.setVariantResult(1);
+        const auto &result = task.variantResult();
+        task.setVariantResult(2);
+        QCOMPARE(result, QVariant(1));
     }
 
     void destructionWaitsForAnEndOnAnotherThread()

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 
 using namespace Qt::StringLiterals;
@@ -76,6 +77,14 @@ protected:
 
 private:
     std::function<Error(Task *)> m_work;
+};
+
+/// A subclass that starts threads by itself.
+class OwnThreadTask : public Task {
+public:
+    explicit OwnThreadTask(std::function<Error()> work) { createWorkingThread(std::move(work)); }
+    ~OwnThreadTask() override { stopWorkingThread(); }
+    using Task::startWorkingThread;
 };
 
 } // namespace
@@ -245,6 +254,57 @@ private Q_SLOTS:
             task.reset();
             QVERIFY(returned);
         }
+    }
+
+    void stoppingWaitsForThreadsThatASubclassMade()
+    {
+        std::atomic<bool> returned = false;
+        Gate gate;
+        auto task = std::make_unique<OwnThreadTask>([&] {
+            gate.arrive();
+            waitForInterruption();
+            QThread::msleep(50);
+            return returned = true, Error();
+        });
+        task->setThreadWaitTime(1);
+        task->setThreadTerminationEnabled(false);
+        task->startWorkingThread();
+        QVERIFY(gate.waitForArrival());
+        task.reset();
+        const bool hasWaited = returned;
+        QTRY_VERIFY(returned);
+        QVERIFY(hasWaited);
+    }
+
+    void waitTimeBeyondTheClockIsNotZero()
+    {
+        std::atomic<bool> returned = false;
+        Gate gate;
+        const auto work = [&] {
+            gate.arrive();
+            waitForInterruption();
+            QThread::msleep(50);
+            return returned = true, Error();
+        };
+        Task task(work, Task::WorkingThread);
+        task.setThreadWaitTime(10'000'000'000'000); // more nanoseconds than 64 bits hold
+        task.setThreadTerminationEnabled(false);
+        task.exec();
+        QVERIFY(gate.waitForArrival());
+        task.cancel();
+        const bool hasWaited = returned;
+        QTRY_VERIFY(returned);
+        QVERIFY(hasWaited);
+    }
+
+    void exceptionOfWorkEndsTheTask()
+    {
+        LogCapture log;
+        Task task([]() -> Error { throw std::runtime_error("broken"); }, Task::WorkingThread);
+        task.exec();
+        QTRY_COMPARE(task.error(), named(u"broken"_s));
+        QVERIFY(task.isFinished());
+        QCOMPARE(log.take(u"critical"_s).size(), 1);
     }
 
     void workMayEndItsTaskFromItsOwnThread()
