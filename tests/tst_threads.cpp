@@ -1,0 +1,549 @@
+#include "support/EventLog.h"
+#include "support/Gate.h"
+#include "support/LogCapture.h"
+#include "support/Rows.h"
+#include "support/Waiting.h"
+
+#include <zel/tasks/CustomComplexTask.h>
+#include <zel/tasks/GroupTask.h>
+#include <zel/tasks/Task.h>
+#include <zel/tasks/TasksQueue.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QPointer>
+#include <QSemaphore>
+#include <QThread>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+using namespace Qt::StringLiterals;
+using namespace zel;
+
+namespace {
+
+constexpr auto connectionTypes = {Qt::DirectConnection, Qt::QueuedConnection};
+
+/// Its first start stops at the gate: the task has been taken, and not been started yet.
+class GatedQueue : public TasksQueue {
+public:
+    Gate gate;
+
+protected:
+    void exec(Task *task) override
+    {
+        if (!m_hasStarted.exchange(true))
+            gate.arriveAndWait();
+        task->exec();
+    }
+
+private:
+    std::atomic<bool> m_hasStarted = false;
+};
+
+/// What one thread does while another one is about to start a task.
+struct Overtaking {
+    int runs; // of the work, after all
+    std::function<void(TasksQueue &, Task &)> action;
+};
+
+/// Starts the subtask that it is given.
+class Starter : public CustomComplexTask {
+public:
+    explicit Starter(Task *subtask) : m_subtask(subtask) { }
+
+protected:
+    Error doExecSubtasks() override { return execSubtask(m_subtask), Error(); }
+
+private:
+    Task *m_subtask;
+};
+
+/// A thread with an event loop, which is joined at the end.
+class Home {
+public:
+    Home() { m_thread.start(); }
+    ~Home()
+    {
+        m_thread.quit();
+        m_thread.wait();
+    }
+    QThread *thread() { return &m_thread; }
+
+private:
+    QThread m_thread;
+};
+
+/// Calls all of them at the same time, the first one on this thread.
+void together(const std::vector<std::function<void()>> &calls)
+{
+    std::atomic<size_t> ready = 0;
+    const auto meet = [&](const std::function<void()> &call) {
+        for (++ready; ready < calls.size();)
+            std::this_thread::yield();
+        call();
+    };
+    std::vector<std::thread> others;
+    for (auto call = calls.begin() + 1; call != calls.end(); ++call)
+        others.emplace_back(meet, *call);
+    meet(calls.front());
+    for (std::thread &other : others)
+        other.join();
+}
+
+/// What only many tries show gets a second.
+QDeadlineTimer aSecond()
+{
+    return QDeadlineTimer(1000);
+}
+
+bool handleEventsUntil(const std::function<bool()> &condition)
+{
+    for (const QDeadlineTimer deadline(10'000); !condition(); QThread::yieldCurrentThread()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+    return true;
+}
+
+} // namespace
+
+class tst_threads : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { failOnQtWarnings(); }
+
+    void startThatWasOvertakenDoesNothing_data()
+    {
+        const auto appendTo = [](TasksQueue &queue, Task &task) { queue.append(&task); };
+        addRows<Overtaking>({
+            {"canceled", {0, [](auto &, Task &task) { task.cancel(); }}},
+            {"finished", {0, [](auto &, Task &task) { task.finish(); }}},
+            {"stopped by its group",
+             {0,
+              [](auto &, Task &task) {
+                  GroupTask group;
+                  group.setCleanupPolicy(GroupTask::SelfDelete);
+                  group.append(&task);
+                  group.cancel();
+              }}},
+            {"removed", {0, [](auto &queue, Task &task) { queue.removeTask(&task); }}},
+            {"cleared", {0, [](auto &queue, auto &) { queue.clear(); }}},
+            {"canceled by clear()", {0, [](auto &queue, auto &) { queue.clear(TasksQueue::Cancel); }}},
+            {"finished by clear()", {0, [](auto &queue, auto &) { queue.clear(TasksQueue::Finish); }}},
+            {"removed and appended again",
+             {1, [=](auto &queue, Task &task) { queue.removeTask(&task), appendTo(queue, task); }}},
+            {"cleared and appended again", {1, [=](auto &queue, Task &task) { queue.clear(), appendTo(queue, task); }}},
+            {"removed and appended to another queue",
+             {1,
+              [=](auto &queue, Task &task) {
+                  TasksQueue other;
+                  queue.removeTask(&task);
+                  appendTo(other, task);
+              }}},
+            {"appended to another queue",
+             {1,
+              [=](auto &, Task &task) {
+                  TasksQueue other;
+                  appendTo(other, task);
+              }}},
+            {"started by hand", {1, [](auto &, Task &task) { task.exec(); }}},
+        });
+    }
+
+    void startThatWasOvertakenDoesNothing()
+    {
+        QFETCH(const Overtaking, row);
+        std::atomic<int> runs = 0;
+        Task task([&] { return ++runs, Error(); });
+        GatedQueue queue;
+        queue.setMaxRunningTasksCount(2);
+        std::thread starter([&] { queue.append(&task); });
+        const bool hasArrived = queue.gate.waitForArrival();
+        row.action(queue, task);
+        queue.gate.open();
+        starter.join();
+        drainEvents();
+        QVERIFY(hasArrived);
+        QCOMPARE(runs, row.runs);
+        QCOMPARE(queue.count(), 0);
+    }
+
+    void taskMayBeAppendedBeforeItsLastStartHasReturned()
+    {
+        for (const auto type : connectionTypes) {
+            Gate gate;
+            std::atomic<int> runs = 0;
+            Task task([&] {
+                if (++runs == 1)
+                    gate.arriveAndWait();
+                return Error();
+            });
+            TasksQueue queue;
+            queue.setConnectionType(type);
+            queue.setMaxRunningTasksCount(2);
+            std::thread starter([&] { queue.append(&task); });
+            const bool hasArrived = gate.waitForArrival();
+            task.finish();
+            task.setIdle();
+            queue.append(&task);
+            const int runsByThen = runs;
+            gate.open();
+            starter.join();
+            drainEvents();
+            QVERIFY(hasArrived);
+            QCOMPARE(runsByThen, 2);
+            QCOMPARE(queue.count(), 0);
+        }
+    }
+
+    void lastStateThatIsAnnouncedIsTheState()
+    {
+        TasksQueue queue;
+        queue.setConnectionType(Qt::DirectConnection);
+        Gate gate;
+        std::vector<TasksQueue::State> announced;
+        connect(
+            &queue, &TasksQueue::stateChanged, &queue,
+            [&](TasksQueue::State state) {
+                if (state == TasksQueue::Working)
+                    gate.arriveAndWait();
+                announced.push_back(state);
+            },
+            Qt::DirectConnection);
+        Task task;
+        std::thread starter([&] { queue.append(&task); });
+        const bool hasArrived = gate.waitForArrival();
+        queue.tryExec();
+        const bool isDone = task.isFinished();
+        gate.open();
+        starter.join();
+        QVERIFY(hasArrived && isDone);
+        QCOMPARE(announced, (std::vector{TasksQueue::Working, TasksQueue::Idle}));
+    }
+
+    void destructionOfAQueueWaitsForWhoeverAnnouncesForIt()
+    {
+        QSemaphore destroyed;
+        Gate gate;
+        bool isDestroyedMeanwhile = false;
+        auto *queue = new TasksQueue;
+        queue->setConnectionType(Qt::DirectConnection);
+        Task task(Task::Asynchronous);
+        queue->append(&task);
+        connect(
+            queue, &TasksQueue::stateChanged, this,
+            [&] {
+                gate.arrive();
+                isDestroyedMeanwhile = destroyed.tryAcquire(1, 50);
+            },
+            Qt::DirectConnection);
+        std::thread ender([&] { task.finish(); });
+        const bool hasArrived = gate.waitForArrival();
+        delete queue;
+        destroyed.release();
+        ender.join();
+        QVERIFY(hasArrived && !isDestroyedMeanwhile);
+    }
+
+    void taskMayBeDestroyedElsewhereWhenAWaitHasReturned()
+    {
+        QSemaphore destroyed;
+        bool isDestroyedMeanwhile = false;
+        auto *task = new Task([] { return Error(); }, Task::WorkingThread);
+        connect(
+            task, &Task::finished, this, [&] { isDestroyedMeanwhile = destroyed.tryAcquire(1, 50); },
+            Qt::DirectConnection);
+        task->exec();
+        const std::unique_ptr<QThread> waiter(QThread::create([&] {
+            task->waitForFinished();
+            delete task;
+            destroyed.release();
+        }));
+        waiter->start();
+        QTRY_VERIFY(waiter->isFinished());
+        QVERIFY(!isDestroyedMeanwhile);
+    }
+
+    void clearedWorkMayUseTheQueueBeforeItReturns()
+    {
+        LogCapture log;
+        Gate gate;
+        TasksQueue queue;
+        const auto work = [&] {
+            gate.arrive();
+            while (!QThread::currentThread()->isInterruptionRequested())
+                QThread::yieldCurrentThread();
+            return queue.count(), Error();
+        };
+        Task task(work, Task::WorkingThread);
+        task.setThreadTerminationEnabled(false);
+        task.setThreadWaitTime(2000);
+        queue.append(&task);
+        QVERIFY(gate.waitForArrival());
+        queue.clear(TasksQueue::Cancel);
+        QCOMPARE(log.takeWarnings(), QStringList());
+    }
+
+    // All of it is left behind when the two threads wait for each other.
+    void complexTaskAndItsQueueMayBeCanceledOnTwoThreads()
+    {
+        struct Scene {
+            Task subtask{Task::Asynchronous};
+            Task pending{Task::Asynchronous};
+            Starter complex{&subtask};
+            TasksQueue queue;
+            Gate inCancel;
+            Gate inClear;
+            QSemaphore returned;
+        };
+        auto *scene = new Scene;
+        scene->queue.setConnectionType(Qt::DirectConnection);
+        scene->queue.setMaxRunningTasksCount(1);
+        connect(
+            &scene->subtask, &Task::canceled, &scene->subtask, [=] { scene->inCancel.arriveAndWait(); },
+            Qt::DirectConnection);
+        connect(
+            &scene->pending, &Task::canceled, &scene->pending, [=] { scene->inClear.arrive(); }, Qt::DirectConnection);
+        scene->queue.append({&scene->complex, &scene->pending});
+        QVERIFY(scene->subtask.isRunning());
+        std::thread([=] { scene->complex.cancel(), scene->returned.release(); }).detach();
+        QVERIFY(scene->inCancel.waitForArrival());
+        std::thread([=] { scene->queue.clear(TasksQueue::Cancel), scene->returned.release(); }).detach();
+        QVERIFY(scene->inClear.waitForArrival());
+        scene->inCancel.open();
+        QVERIFY(scene->returned.tryAcquire(2, 5000));
+        drainEvents();
+        delete scene;
+    }
+
+    void noPassMakesTheQueueIdleBehindAnAppend()
+    {
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            TasksQueue queue;
+            queue.setConnectionType(Qt::DirectConnection);
+            Task tasks[3];
+            together(
+                {[&] { queue.append(&tasks[0]); }, [&] { queue.append(&tasks[1]); }, [&] { queue.append(&tasks[2]); }});
+            QCOMPARE(queue.count(), 0);
+            QCOMPARE(queue.state(), TasksQueue::Idle);
+        }
+    }
+
+    void valuesThatWorkWritesAreReadWhole()
+    {
+        std::atomic<bool> isOver = false;
+        const auto work = [&](Task *self) {
+            for (char16_t character = u'a'; !isOver; character = character == u'z' ? u'a' : character + 1) {
+                const QString text(50 + character % 7, character);
+                self->setProgressText(text);
+                self->setVariantResult(text);
+                self->setError(Error(GeneralError, text));
+            }
+            return Error();
+        };
+        Task task(work, Task::WorkingThread);
+        task.exec();
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            for (const QString &text : {task.progressText(), task.variantResult().toString(), task.error().text()})
+                QCOMPARE(text.count(text.left(1)), text.size());
+        }
+        isOver = true;
+        QTRY_VERIFY(task.isFinished());
+    }
+
+    void runThatIsEndedOnTwoThreadsEndsOnce()
+    {
+        const Error own(GeneralError, u"own"_s);
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            QSemaphore started;
+            const auto work = [&](Task *self) {
+                started.release();
+                self->finish(own);
+                return Error();
+            };
+            Task task(work, Task::WorkingThread);
+            task.setThreadWaitTime(-1);
+            EventLog log(&task);
+            task.exec();
+            started.acquire();
+            task.cancel();
+            QVERIFY(handleEventsUntil([&] { return task.isFinished(); }));
+            drainEvents();
+            const QString events = log.take();
+            QCOMPARE(events.count(u" finished"), 1);
+            QCOMPARE(task.isCanceled(), events.contains(u"canceled"));
+            QCOMPARE(task.error(), task.isCanceled() ? Error(Canceled, u"Canceled"_s) : own);
+        }
+    }
+
+    void tasksMayEndAtHomeWhileOthersStopThem_data()
+    {
+        QTest::addColumn<bool>("clears");
+        QTest::newRow("clear()") << true;
+        QTest::newRow("cancel() of their group") << false;
+    }
+
+    void tasksMayEndAtHomeWhileOthersStopThem()
+    {
+        QFETCH(const bool, clears);
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            TasksQueue queue;
+            queue.setMaxRunningTasksCount(4);
+            GroupTask group;
+            group.setCleanupPolicy(GroupTask::SelfDelete);
+            group.setCancelSubtasksMode(GroupTask::CancelSubtasks);
+            std::vector<std::unique_ptr<Task>> tasks;
+            std::atomic<int> ends = 0;
+            for (int number = 0; number < 4; ++number) {
+                const auto mode = number % 2 ? Task::WorkingThread : Task::Asynchronous;
+                tasks.push_back(std::make_unique<Task>([] { return Error(); }, mode));
+                tasks.back()->setThreadTerminationEnabled(false);
+                connect(
+                    tasks.back().get(), &Task::finished, this, [&] { ++ends; }, Qt::DirectConnection);
+                group.append(tasks.back().get());
+                queue.append(tasks.back().get());
+            }
+            together({[&] {
+                          for (const auto &task : tasks)
+                              task->executionMode() == Task::WorkingThread ? task->cancel() : task->finish();
+                      },
+                      [&] { clears ? queue.clear(TasksQueue::Cancel) : group.cancel(); }});
+            drainEvents();
+            QVERIFY(handleEventsUntil([&] { return ends >= 4; }));
+            drainEvents();
+            QCOMPARE(ends, 4);
+        }
+    }
+
+    void taskMayBeCanceledAtHomeWhileAQueueStartsItElsewhere()
+    {
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            std::atomic<int> begun = 0;
+            TasksQueue queue;
+            Task task([&] { return ++begun, Error(); }, Task::WorkingThread);
+            task.setThreadTerminationEnabled(false);
+            task.setThreadWaitTime(-1);
+            EventLog log(&task);
+            int begunByThen = 0;
+            together({[&] { task.cancel(), begunByThen = begun; }, [&] { queue.append(&task); }});
+            drainEvents();
+            QVERIFY(task.isFinished());
+            QCOMPARE(log.take().count(u" finished"), 1);
+            QCOMPARE(begun, begunByThen);
+            QTRY_COMPARE(queue.count(), 0);
+        }
+    }
+
+    void groupMayLiveInAnotherThreadThanItsQueue()
+    {
+        TasksQueue queue;
+        queue.setMaxRunningTasksCount(4);
+        const std::unique_ptr<QThread> thread(QThread::create([&] {
+            for (const auto end = aSecond(); !end.hasExpired();) {
+                GroupTask all;
+                for (int number = 1; number <= 10; ++number) {
+                    auto *task = new Task([] { return QThread::usleep(100), Error(); }, Task::WorkingThread);
+                    task->setThreadTerminationEnabled(false);
+                    task->setProgress(0, 1);
+                    connect(task, &Task::finished, task, [task] { task->setProgress(1, 1); });
+                    all.append(task);
+                    queue.append(task);
+                }
+                if (all.waitForFinished(1).equals(Timeout))
+                    all.cancel();
+            }
+        }));
+        thread->start();
+        QTRY_VERIFY_WITH_TIMEOUT(thread->isFinished(), 30'000);
+        drainEvents();
+        QCOMPARE(queue.count(), 0);
+    }
+
+    void childrenThatAFailureStopsMayLiveElsewhere_data()
+    {
+        QTest::addColumn<GroupTask::CancelSubtasksMode>("mode");
+        QTest::newRow("canceled") << GroupTask::CancelSubtasks;
+        QTest::newRow("quietly") << GroupTask::FinishSubtasks;
+    }
+
+    void childrenThatAFailureStopsMayLiveElsewhere()
+    {
+        QFETCH(const GroupTask::CancelSubtasksMode, mode);
+        Home home;
+        TasksQueue queue;
+        queue.setMaxRunningTasksCount(4);
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            std::atomic<int> alive = 4;
+            GroupTask group;
+            group.setCancelSubtasksMode(mode);
+            for (int number = 0; number < 4; ++number) {
+                auto *task = new Task([number] { return Error(number == 1 ? GeneralError : NoError); },
+                                      Task::WorkingThread);
+                task->setThreadTerminationEnabled(false);
+                task->moveToThread(home.thread());
+                connect(
+                    task, &QObject::destroyed, this, [&] { --alive; }, Qt::DirectConnection);
+                group.append(task);
+                queue.append(task);
+            }
+            QVERIFY(handleEventsUntil([&] { return group.isFinished() && alive == 0; }));
+        }
+        QVERIFY(handleEventsUntil([&] { return queue.count() == 0; }));
+    }
+
+    void queueMayBeDestroyedWhileTasksOfItEndOrResumeElsewhere()
+    {
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            for (const auto type : connectionTypes) {
+                auto queue = std::make_unique<TasksQueue>();
+                queue->setConnectionType(type);
+                queue->setMaxRunningTasksCount(1);
+                Task running(Task::Asynchronous);
+                Task parked;
+                Task pending;
+                queue->append({&running, &parked, &pending});
+                parked.pause();
+                queue->setMaxRunningTasksCount(2);
+                queue->tryExec();
+                const bool resumes = type == Qt::QueuedConnection;
+                together({[&] { resumes ? parked.resume() : running.finish(); }, [&] { queue.reset(); }});
+                drainEvents();
+            }
+        }
+    }
+
+    void queueMayBeMovedAndDestroyedWithItsThread()
+    {
+        for (const auto end = aSecond(); !end.hasExpired();) {
+            Home home;
+            auto *queue = new TasksQueue;
+            queue->setMaxRunningTasksCount(2);
+            queue->moveToThread(home.thread());
+            connect(home.thread(), &QThread::finished, queue, &QObject::deleteLater);
+            std::vector<std::unique_ptr<Task>> tasks;
+            for (int number = 0; number < 20; ++number) {
+                tasks.push_back(std::make_unique<Task>(Task::Asynchronous));
+                queue->append(tasks.back().get());
+            }
+            for (const auto &task : tasks) {
+                QCoreApplication::processEvents();
+                if (task == tasks[10])
+                    home.thread()->quit();
+                task->finish();
+            }
+            QVERIFY(handleEventsUntil([&] { return home.thread()->isFinished(); }));
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_threads)
+#include "tst_threads.moc"
