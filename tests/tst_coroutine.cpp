@@ -5,6 +5,7 @@
 
 #include <zel/tasks/Task.h>
 
+#include <QDeadlineTimer>
 #include <QPointer>
 #include <QThread>
 
@@ -13,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -258,7 +260,8 @@ private Q_SLOTS:
             task->moveToThread(&home);
             QMetaObject::invokeMethod(task, [task] { task->finish(); });
             await(task, &log);
-            QMetaObject::invokeMethod(task, [task] { delete task; }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                task, [task] { delete task; }, Qt::QueuedConnection);
             QVERIFY(round % 100 || pollUntil([&] { return log.events().size() == round; }));
         }
         home.quit();
@@ -326,6 +329,29 @@ private Q_SLOTS:
         suspension.goOn();
         QCOMPARE(log.take(), QString());
         delete task;
+    }
+
+    void coroutineMayCompleteElsewhereWhileItsTaskIsDestroyed()
+    {
+        std::atomic<Suspension *> toResume = nullptr;
+        std::atomic<bool> isOver = false;
+        std::thread other([&] {
+            while (!isOver) {
+                if (Suspension *suspension = toResume)
+                    suspension->goOn(), toResume = nullptr;
+            }
+        });
+        for (const QDeadlineTimer end(1000); !end.hasExpired();) {
+            Suspension suspension;
+            auto task = std::make_unique<Task>([&] { return complete(&suspension, [] { return Error(); }); });
+            task->exec();
+            toResume = &suspension;
+            task.reset();
+            while (toResume)
+                std::this_thread::yield();
+        }
+        isOver = true;
+        other.join();
     }
 
     void capturesMayCompleteTheCoroutineOfADestroyedTask()

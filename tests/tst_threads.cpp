@@ -482,11 +482,16 @@ private Q_SLOTS:
     {
         TasksQueue queue;
         queue.setMaxRunningTasksCount(4);
+        std::atomic<int> alive = 0;
         const std::unique_ptr<QThread> thread(QThread::create([&] {
             for (const auto end = aSecond(); !end.hasExpired();) {
                 GroupTask all;
                 for (int number = 1; number <= 10; ++number) {
-                    auto *task = new Task([] { return QThread::usleep(100), Error(); }, Task::WorkingThread);
+                    const auto work = [number] { return QThread::usleep(20 * number), Error(); };
+                    auto *task = new Task(work, Task::WorkingThread);
+                    ++alive;
+                    connect(
+                        task, &QObject::destroyed, this, [&] { --alive; }, Qt::DirectConnection);
                     task->setThreadTerminationEnabled(false);
                     task->setProgress(0, 1);
                     connect(task, &Task::finished, task, [task] { task->setProgress(1, 1); });
@@ -495,12 +500,15 @@ private Q_SLOTS:
                 }
                 if (all.waitForFinished(1).equals(Timeout))
                     all.cancel();
+                QCoreApplication::processEvents(); // ends that the group has still to hear of
             }
         }));
         thread->start();
         QTRY_VERIFY_WITH_TIMEOUT(thread->isFinished(), 30'000);
+        thread->wait();
         drainEvents();
         QCOMPARE(queue.count(), 0);
+        QCOMPARE(alive, 0);
     }
 
     void childrenThatAFailureStopsMayLiveElsewhere_data()
