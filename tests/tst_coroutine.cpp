@@ -339,13 +339,18 @@ private Q_SLOTS:
             while (!isOver) {
                 if (Suspension *suspension = toResume)
                     suspension->goOn(), toResume = nullptr;
+                else
+                    std::this_thread::yield();
             }
         });
+        int round = 0;
         for (const QDeadlineTimer end(1000); !end.hasExpired();) {
             Suspension suspension;
             auto task = std::make_unique<Task>([&] { return complete(&suspension, [] { return Error(); }); });
             task->exec();
             toResume = &suspension;
+            const QDeadlineTimer spin(std::chrono::nanoseconds(round++ % 50 * 100), Qt::PreciseTimer);
+            while (!spin.hasExpired()) { }
             task.reset();
             while (toResume)
                 std::this_thread::yield();

@@ -16,7 +16,7 @@
 #include <QSemaphore>
 #include <QThread>
 
-#include <algorithm>
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -328,9 +328,9 @@ private Q_SLOTS:
     void complexTaskAndItsQueueMayBeCanceledOnTwoThreads()
     {
         struct Scene {
-            Task subtask{Task::Asynchronous};
+            Task *subtask = new Task(Task::Asynchronous); // the complex task's
             Task pending{Task::Asynchronous};
-            Starter complex{&subtask};
+            Starter complex{subtask};
             TasksQueue queue;
             Gate inCancel;
             Gate inClear;
@@ -340,13 +340,13 @@ private Q_SLOTS:
         scene->queue.setConnectionType(Qt::DirectConnection);
         scene->queue.setMaxRunningTasksCount(1);
         connect(
-            &scene->subtask, &Task::canceled, &scene->subtask, [=] { scene->inCancel.arriveAndWait(); },
+            scene->subtask, &Task::canceled, scene->subtask, [=] { scene->inCancel.arriveAndWait(); },
             Qt::DirectConnection);
         connect(
             &scene->pending, &Task::canceled, &scene->pending, [=] { scene->inClear.arrive(); }, Qt::DirectConnection);
         scene->pending.setPriority(2);
         scene->queue.append({&scene->complex, &scene->pending});
-        QVERIFY(scene->subtask.isRunning());
+        QVERIFY(scene->subtask->isRunning());
         std::thread([=] { scene->complex.cancel(), scene->returned.release(); }).detach();
         QVERIFY(scene->inCancel.waitForArrival());
         std::thread([=] { scene->queue.clear(TasksQueue::Cancel), scene->returned.release(); }).detach();
@@ -398,9 +398,11 @@ private Q_SLOTS:
         const Error own(GeneralError, u"own"_s);
         for (const auto end = aSecond(); !end.hasExpired();) {
             std::atomic<bool> isStarted = false;
+            std::atomic<bool> hasFinished = false;
             const auto work = [&](Task *self) {
                 isStarted = true;
                 self->finish(own);
+                hasFinished = true;
                 return Error();
             };
             Task task(work, Task::WorkingThread);
@@ -409,7 +411,7 @@ private Q_SLOTS:
             task.exec();
             while (!isStarted) { }
             task.cancel();
-            QVERIFY(handleEventsUntil([&] { return task.isFinished(); }));
+            QVERIFY(handleEventsUntil([&] { return task.isFinished() && hasFinished; }));
             drainEvents();
             const QString events = log.take();
             QCOMPARE(events.count(u" finished"), 1);
@@ -543,25 +545,63 @@ private Q_SLOTS:
         QVERIFY(handleEventsUntil([&] { return queue.count() == 0; }));
     }
 
-    void queueMayBeDestroyedWhileTasksOfItEndOrResumeElsewhere()
+    void queueMayBeDestroyedWhileATaskOfItChangesElsewhere_data()
+    {
+        QTest::addColumn<bool>("resumes");
+        QTest::newRow("ends, in a direct queue") << false;
+        QTest::newRow("is parked and resumes") << true;
+    }
+
+    // By a handler inside clear(), when the other thread is on its way to the queue.
+    void queueMayBeDestroyedWhileATaskOfItChangesElsewhere()
+    {
+        QFETCH(const bool, resumes);
+        const QString change = resumes ? u"stateChanged(Idle)"_s : u"finished"_s;
+        Task task(Task::Asynchronous);
+        Task cleared(Task::Asynchronous);
+        cleared.setPriority(0);
+        auto *queue = new TasksQueue;
+        queue->setConnectionType(resumes ? Qt::QueuedConnection : Qt::DirectConnection);
+        queue->setMaxRunningTasksCount(1);
+        Gate before;
+        Gate behind;
+        EventLog logBefore(&task);
+        logBefore.on(change, [&] { before.arrive(); });
+        if (resumes)
+            queue->pause();
+        queue->append(&task);
+        queue->append(&cleared);
+        if (resumes) {
+            task.pause();
+            cleared.pause();
+            queue->resume(); // passes both over
+        }
+        EventLog logBehind(&task);
+        logBehind.on(change, [&] { behind.arrive(); });
+        Home home;
+        task.moveToThread(home.thread());
+        bool hasArrived = false;
+        connect(&cleared, &Task::canceled, this, [&] {
+            QMetaObject::invokeMethod(&task, [&] { resumes ? task.resume() : task.finish(); });
+            hasArrived = before.waitForArrival();
+            behind.waitForArrival(50);
+            delete queue;
+        });
+        queue->clear(TasksQueue::Cancel);
+        QVERIFY(hasArrived);
+    }
+
+    void queueMayBeDestroyedWhileItsTasksEndElsewhere()
     {
         Crew crew(2);
         for (const auto end = aSecond(); !end.hasExpired();) {
-            for (const auto type : connectionTypes) {
-                auto queue = std::make_unique<TasksQueue>();
-                queue->setConnectionType(type);
-                queue->setMaxRunningTasksCount(1);
-                Task running(Task::Asynchronous);
-                Task parked;
-                Task pending;
-                queue->append({&running, &parked, &pending});
-                parked.pause();
-                queue->setMaxRunningTasksCount(2);
-                queue->tryExec();
-                const bool resumes = type == Qt::QueuedConnection;
-                crew.make({[&] { resumes ? parked.resume() : running.finish(); }, [&] { queue.reset(); }});
-                drainEvents();
-            }
+            auto queue = std::make_unique<TasksQueue>();
+            queue->setConnectionType(Qt::DirectConnection);
+            queue->setMaxRunningTasksCount(1);
+            Task running(Task::Asynchronous);
+            Task pending;
+            queue->append({&running, &pending});
+            crew.make({[&] { running.finish(); }, [&] { queue.reset(); }});
         }
     }
 
