@@ -18,6 +18,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -463,7 +464,9 @@ private Q_SLOTS:
     void taskMayBeCanceledAtHomeWhileAQueueStartsItElsewhere()
     {
         Crew crew(2);
-        for (const auto end = aSecond(); !end.hasExpired();) {
+        int round = 0;
+        for (const auto end = aSecond(); !end.hasExpired(); ++round) {
+            std::atomic<bool> isAppending = false;
             std::atomic<int> begun = 0;
             TasksQueue queue;
             Task task([&] { return ++begun, Error(); }, Task::WorkingThread);
@@ -471,7 +474,15 @@ private Q_SLOTS:
             task.setThreadWaitTime(-1);
             EventLog log(&task);
             int begunByThen = 0;
-            crew.make({[&] { task.cancel(), begunByThen = begun; }, [&] { queue.append(&task); }});
+            const auto cancel = [&] {
+                while (!isAppending)
+                    std::this_thread::yield();
+                const QDeadlineTimer spin(std::chrono::nanoseconds(round % 100 * 200), Qt::PreciseTimer);
+                while (!spin.hasExpired()) { }
+                task.cancel();
+                begunByThen = begun;
+            };
+            crew.make({cancel, [&] { isAppending = true, queue.append(&task); }});
             drainEvents();
             QVERIFY(task.isFinished());
             QCOMPARE(log.take().count(u" finished"), 1);
