@@ -48,6 +48,8 @@ bool follows(const BaseTask *task, const BaseTask *target, const auto &sourcesOf
 void registerMetaTypes()
 {
     qRegisterMetaType<std::chrono::milliseconds>("std::chrono::milliseconds");
+    // A queue spells its own alike; both are an int.
+    qRegisterMetaType<BaseTask::State>("State");
 }
 Q_CONSTRUCTOR_FUNCTION(registerMetaTypes)
 
@@ -271,6 +273,7 @@ BaseTask::~BaseTask()
     qCDebug(tasksLog) << "Deleting" << name();
     d->life->retire();
     d->life->waitForVisitors(name());
+    d->life->setDestroyed();
     if (d->life->hasWatchers()) {
         const Error error = Private::destroyedError();
         const QMutexLocker locker(d->life->mutex());

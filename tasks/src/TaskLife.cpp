@@ -247,7 +247,8 @@ TaskVisit::TaskVisit(std::shared_ptr<TaskLife> life, Kind kind)
     , m_outer(std::exchange(innermostVisit, this))
 {
     ++m_life->m_visits[kind];
-    if (!m_life->task())
+    m_task = m_life->task();
+    if (!m_task)
         leave();
 }
 

@@ -116,6 +116,8 @@ public:
     void retire();
     /// The retired task is whole while its destructor calls handlers, on this thread alone.
     void setWhole(BaseTask *task);
+    /// Called when the last destructor has seen that no other thread visits the task.
+    void setDestroyed() { m_isDestroyed = true; }
     /// Returns when no other thread visits the retired task; warns when that takes seconds. Debug builds abort when it
     /// would have to wait under the lock of a group, which the other thread may need to get done.
     void waitForVisitors(const QString &name) const;
@@ -144,6 +146,7 @@ private:
     mutable QMutex m_mutex;
     std::atomic<BaseTask *> m_task;
     std::atomic<BaseTask *> m_dying = nullptr;
+    std::atomic<bool> m_isDestroyed = false;
     Qt::HANDLE m_destroyer = nullptr; ///< the thread that retired the task
     // Written with the mutex locked, and read without.
     std::atomic<quint64> m_run{1};
@@ -182,9 +185,10 @@ public:
     ~TaskVisit();
     Q_DISABLE_COPY_MOVE(TaskVisit)
 
-    /// Null when the task is gone.
-    BaseTask *task() const { return m_isInside ? m_life->task() : nullptr; }
-    bool isInside() const { return m_isInside; }
+    /// Null when the task was gone before the visit, and when this thread has destroyed it since. Another thread that
+    /// destroys it waits for the visit.
+    BaseTask *task() const { return isInside() ? m_task : nullptr; }
+    bool isInside() const { return m_isInside && !m_life->m_isDestroyed; }
     /// Ends the visit before its time.
     void leave();
 
@@ -201,6 +205,7 @@ private:
 
     const std::shared_ptr<TaskLife> m_life;
     const Kind m_kind;
+    BaseTask *m_task = nullptr;
     bool m_isInside;
     quint64 m_endedRun = 0;
     TaskVisit *m_outer;

@@ -196,6 +196,7 @@ bool TasksQueue::Private::startPending(quint64 &servedRequests)
                 // Whoever frees a slot goes on.
                 if (countedRunning >= maxRunning || state != Working)
                     return maxRunning <= 0;
+                shared->setServed();
                 servedRequests = requests;
             }
             if (leavesStartToOthers())
@@ -280,6 +281,9 @@ bool TasksQueue::Private::take(TasksQueueHand &hand, Task *task)
         return false;
     move(hand.entry, Entry::Running, running, running.end());
     setCounted(hand.entry, task->countAsRunning());
+    // Its work may wait, in an event loop, for those behind it.
+    if (pendingCount > 0 && countedRunning < maxRunning && thread() == QThread::currentThread())
+        share->postDispatch();
     return true;
 }
 
@@ -994,7 +998,7 @@ void TasksQueue::tryExec()
 
 void TasksQueue::exec(Task *task)
 {
-    if (!task->isFinished())
+    if (task && !task->isFinished())
         task->exec();
 }
 
