@@ -111,6 +111,21 @@ private Q_SLOTS:
         QCOMPARE(eventsAfterDeletion(row.from, row.operation), QString());
     }
 
+    void signalsAreConnectedByNameAndQueued()
+    {
+        PlainTask task;
+        PlainTask follower;
+        EventLog events(&follower);
+        QVERIFY(
+            connect(&task, SIGNAL(stateChanged(State)), &follower, SIGNAL(stateChanged(State)), Qt::QueuedConnection));
+        QVERIFY(
+            connect(&task, SIGNAL(errorChanged(Error)), &follower, SIGNAL(errorChanged(Error)), Qt::QueuedConnection));
+        task.setRunning();
+        task.setError(Error(Timeout));
+        drainEvents();
+        QCOMPARE(events.take(), u"stateChanged(Running) errorChanged(Timeout)"_s);
+    }
+
     void errorOfDoFinishReplacesTheOutcome()
     {
         PlainTask task(BaseTask::Running);

@@ -56,6 +56,26 @@ protected:
     }
 };
 
+/// Keeps its tasks in a store of its own, and follows them from their start on.
+class OwnStore : public TasksQueue {
+public:
+    bool isEmpty() const override { return m_tasks.isEmpty(); }
+    int pendingTasksCount() const override { return int(m_tasks.size()); }
+
+protected:
+    void enqueueTask(Task *task, EnqueueMode) override { m_tasks.append(task); }
+    Task *dequeueTask() override
+    {
+        Task *task = m_tasks.isEmpty() ? nullptr : m_tasks.takeFirst();
+        if (task)
+            connectTask(task);
+        return task;
+    }
+
+private:
+    QList<Task *> m_tasks;
+};
+
 /// Named tasks and a log of when they start and end, and a queue.
 class Bench {
 public:
@@ -138,10 +158,7 @@ private Q_SLOTS:
         Batch *batch = bench.batch(u"batch"_s);
         batch->exec();
         QVERIFY(batch->isSuccessful());
-        // What was listed before is nothing that it starts; what it lists without starting it is.
-        batch->appendSubtask(bench.task(u"a"_s));
-        batch->exec();
-        QVERIFY(batch->isSuccessful());
+        // Listed without being started.
         batch->start = [&] { batch->appendSubtask(bench.task(u"b"_s)); };
         batch->exec();
         QVERIFY(batch->isRunning());
@@ -165,7 +182,7 @@ private Q_SLOTS:
         Batch *inner = bench.batch(u"inner"_s, {bench.task(u"c"_s)});
         Task *urgent = bench.task(u"b"_s);
         Task *refused = bench.quick(u"x"_s);
-        Task *paused = bench.quick(u"p"_s);
+        Task *paused = bench.task(u"p"_s); // somebody else's business
         paused->pause();
         Batch *batch = bench.batch(u"batch"_s, {inner, bench.task(u"a"_s), refused, urgent, paused});
         batch->groupTask()->setChildFailurePolicy(GroupTask::ContinueOnFailure);
@@ -177,7 +194,6 @@ private Q_SLOTS:
         bench.queue.append(batch);
         // They come to the queue together: the urgent one is first. The complex one waits for nobody.
         QCOMPARE(bench.log.take(), u"batch:started b:started x:finished inner:started"_s);
-        // The paused one was not refused: it may be started yet.
         for (Task *task : {urgent, bench.find(u"a"_s), bench.find(u"c"_s), paused}) {
             task->finish();
             drainEvents();
@@ -185,6 +201,72 @@ private Q_SLOTS:
         QCOMPARE(bench.log.take(),
                  u"b:finished a:started a:finished c:started c:finished inner:finished p:finished batch:finished"_s);
         QCOMPARE(batch->error(), Error(GeneralError, u"The queue did not take the task."_s));
+    }
+
+    void batchThatAdmitsNothingEndsAsItsGroupDoes()
+    {
+        Bench bench;
+        // Its subtask was listed before, and has failed.
+        Batch *batch = bench.batch(u"failed"_s);
+        batch->groupTask()->setConnectionType(Qt::DirectConnection);
+        Task *a = bench.quick(u"a"_s, Error(UserError));
+        batch->appendSubtask(a);
+        batch->start = [a] { a->exec(); };
+        batch->exec();
+        drainEvents();
+        QCOMPARE(batch->error(), Error(UserError));
+        // Or is pending.
+        batch = bench.batch(u"pending"_s);
+        Task *b = bench.task(u"b"_s);
+        batch->appendSubtask(b);
+        batch->exec();
+        drainEvents();
+        QVERIFY(batch->isRunning());
+        b->exec();
+        b->finish(Error(ReadError));
+        drainEvents();
+        QCOMPARE(batch->error(), Error(ReadError));
+
+        batch = bench.batch(u"canceled"_s, {bench.quick(u"c"_s)});
+        bench.log.on(u"canceled:started"_s, [batch] { batch->groupTask()->cancel(); });
+        batch->exec();
+        drainEvents();
+        QCOMPARE(batch->error(), canceledError);
+    }
+
+    void queueMayKeepSubtasksInAStoreOfItsOwn()
+    {
+        Bench bench;
+        OwnStore queue;
+        queue.pause();
+        Task *a = bench.quick(u"a"_s);
+        Batch *batch = bench.batch(u"batch"_s, {a});
+        batch->setQueue(&queue);
+        batch->exec();
+        QVERIFY(a->isIdle());
+        queue.resume();
+        drainEvents();
+        QVERIFY(batch->isSuccessful());
+    }
+
+    void subtaskThatIsCanceledOnAdmissionIsNotStarted()
+    {
+        for (int variant = 0; variant < 4; ++variant) {
+            Bench bench;
+            Job *job = bench.runningJob();
+            job->setQueue(variant % 2 ? &bench.queue : nullptr);
+            if (variant / 2)
+                connect(job->groupTask(), &GroupTask::taskAppended, job, &Job::cancel);
+            else
+                connect(job->groupTask(), &GroupTask::progress, job, &Job::cancel);
+            bench.log.take();
+            bench.log.keepOnly({u"started"_s});
+            Task *a = bench.quick(u"a"_s);
+            job->execSubtasks({a, bench.quick(u"b"_s)});
+            QCOMPARE(a->error(), canceledError);
+            drainEvents();
+            QCOMPARE(bench.log.take(), QString());
+        }
     }
 
     void whatIsNotAdmittedIsNotStarted()
@@ -231,6 +313,100 @@ private Q_SLOTS:
         drainEvents();
         QCOMPARE(bench.log.take(), u"success failure"_s);
         QVERIFY(job->isRunning()); // its own work goes on
+    }
+
+    void callbacksGoWithTheirTask()
+    {
+        Bench bench;
+        Job *job = bench.runningJob();
+        const auto captured = std::make_shared<int>();
+        job->execSubtask(bench.task(u"a"_s), [captured] {});
+        delete job;
+        QCOMPARE(captured.use_count(), 1);
+    }
+
+    void groupThatHadEndedBeginsAfresh()
+    {
+        Bench bench;
+        Batch *canceled = bench.batch(u"canceled"_s, {bench.quick(u"a"_s)});
+        canceled->cancel();
+        canceled->setIdle();
+        bench.queue.append(canceled);
+        drainEvents();
+        auto *group = new GroupTask;
+        group->finish(Error(ReadError));
+        Batch *batch = bench.batch(u"batch"_s, {bench.quick(u"b"_s)});
+        batch->setGroupTask(group);
+        batch->exec();
+        drainEvents();
+        QCOMPARE(bench.log.take(),
+                 u"canceled:finished canceled:started a:started a:finished canceled:finished "
+                 "batch:started b:started b:finished batch:finished"_s);
+        QVERIFY(canceled->isSuccessful() && batch->isSuccessful());
+
+        // Not when it is set in a run.
+        group = new GroupTask;
+        group->finish(Error(ReadError));
+        Job *job = bench.runningJob();
+        job->setGroupTask(group);
+        drainEvents();
+        QCOMPARE(job->error(), Error(ReadError));
+    }
+
+    void groupOfTheNextRunBringsItsChildren()
+    {
+        Bench bench;
+        Batch *batch = bench.batch(u"batch"_s);
+        batch->exec();
+        Task *a = bench.task(u"a"_s);
+        auto *group = new GroupTask;
+        group->append(a);
+        batch->setGroupTask(group);
+        batch->subtasks = {bench.quick(u"b"_s)};
+        batch->exec();
+        drainEvents();
+        QVERIFY(batch->isRunning());
+        a->exec();
+        a->finish(Error(UserError));
+        drainEvents();
+        QCOMPARE(batch->error(), Error(UserError));
+    }
+
+    void taskThatIsIdleAgainIsNotEnded()
+    {
+        Bench bench;
+        Task *a = bench.task(u"a"_s);
+        Batch *batch = bench.batch(u"batch"_s, {a});
+        batch->groupTask()->setConnectionType(Qt::DirectConnection);
+        batch->exec();
+        a->finish();
+        // The end of its group is on its way.
+        batch->setIdle();
+        bench.queue.pause();
+        bench.queue.append(batch);
+        drainEvents();
+        QVERIFY(batch->isIdle());
+        batch->start = [batch] { batch->setIdle(); };
+        bench.queue.resume();
+        drainEvents();
+        QVERIFY(batch->isIdle());
+    }
+
+    void zeroProgressIsReportedOnceInAllRuns()
+    {
+        Bench bench;
+        Batch *batch = bench.batch(u"batch"_s);
+        LogCapture log;
+        for (int run = 0; run < 2; ++run) {
+            Task *a = bench.task(u"a"_s);
+            batch->subtasks = {a};
+            batch->exec();
+            a->setProgress(1, 0);
+            a->finish();
+            drainEvents();
+        }
+        QVERIFY(batch->isSuccessful());
+        QCOMPARE(log.take().filter(u"zero maximum progress"_s).size(), 1);
     }
 
     void canceledRunDoesNotEndTheNextOne()
@@ -349,6 +525,16 @@ private Q_SLOTS:
         delete batch->groupTask();
         batch->setGroupTask(new GroupTask(batch));
         QVERIFY(batch->groupTask());
+
+        Task *b = bench.task(u"b"_s);
+        batch->subtasks = {b};
+        bench.log.on(u"batch:started"_s, [batch] { delete batch->groupTask(); });
+        batch->exec();
+        drainEvents();
+        QVERIFY(batch->isRunning());
+        b->finish(Error(UserError));
+        drainEvents();
+        QCOMPARE(batch->error(), Error(UserError));
     }
 
     void groupThatContainsTheTaskIsRefused()
@@ -366,6 +552,18 @@ private Q_SLOTS:
             QCOMPARE(log.takeWarnings().size(), 1);
             QCOMPARE(batch->groupTask(), own);
         }
+
+        // Nor when it has lost its own, and gets another one.
+        delete own;
+        Job *container = bench.runningJob();
+        container->appendSubtask(batch);
+        LogCapture log;
+        batch->setGroupTask(&middle);
+        QCOMPARE(log.takeWarnings().size(), 1);
+        batch->appendSubtask(container);
+        QCOMPARE(log.takeWarnings().size(), 1);
+        container->cancel();
+        outer.cancel();
     }
 
     void queueDoesNotStartADyingTask()
@@ -384,8 +582,14 @@ private Q_SLOTS:
         QCOMPARE(bench.log.take(), QString());
     }
 
+    void subtaskOfAnEarlierRunIsNobodysBusiness_data()
+    {
+        addRows<bool>({{"before the others are listed", false}, {"after that", true}});
+    }
+
     void subtaskOfAnEarlierRunIsNobodysBusiness()
     {
+        QFETCH(const bool, row);
         Bench bench;
         Task *early = bench.task(u"early"_s);
         Task *late = bench.task(u"late"_s);
@@ -395,9 +599,15 @@ private Q_SLOTS:
         QVERIFY(batch->error().equals(Timeout) && early->isRunning());
 
         batch->result = Error();
-        batch->subtasks = {late};
+        batch->start = [&] {
+            if (row)
+                batch->execSubtask(late);
+            early->finish(Error(UserError));
+            drainEvents();
+            if (!row)
+                batch->execSubtask(late);
+        };
         batch->exec();
-        early->finish(Error(UserError));
         drainEvents();
         QVERIFY(batch->isRunning());
         late->finish();

@@ -447,6 +447,11 @@ qint64 turnTime(bool besideMany)
     return timer.elapsed();
 }
 
+class OpenGroup : public GroupTask {
+public:
+    using GroupTask::execTask;
+};
+
 QCoro::Task<Error> await(BaseTask *task)
 {
     co_return co_await task;
@@ -538,6 +543,13 @@ private Q_SLOTS:
         a->setProgress(55, 65);
         drainEvents();
         QCOMPARE(bench.group->totalProgress(), 65);
+    }
+
+    void nullTaskIsNotExecuted()
+    {
+        OpenGroup group;
+        group.execTask(nullptr);
+        QVERIFY(group.isIdle());
     }
 
     void anotherChildAtTheSameAddressAddsItsShare()
