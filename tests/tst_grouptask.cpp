@@ -96,14 +96,15 @@ public:
             return;
         child->error = outcome;
         if (child->isListed)
-            reportEnd(child, outcome);
+            reportEnd(child, child->error);
     }
 
-    /// Ends the run that is under way, without an outcome.
-    void reset(Child *child)
+    /// Ends a run that is under way.
+    void setIdle(Child *child)
     {
-        const BaseTask::State left = child->state;
-        if (enter(child, BaseTask::Idle) && left != BaseTask::Finished && child->isListed)
+        const bool ends = child->state == BaseTask::Running;
+        enter(child, BaseTask::Idle);
+        if (ends && child->isListed)
             reportEnd(child, Error());
     }
 
@@ -326,7 +327,7 @@ private:
             m_model.end(child, canceledError);
         } else if (operation == 'i') {
             task->setIdle();
-            m_model.reset(child);
+            m_model.setIdle(child);
         } else if (operation == 'd') {
             delete task;
             child->exists = false;
