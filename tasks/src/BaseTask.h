@@ -30,8 +30,9 @@ class TasksQueue;
  *
  * Ownership: nobody but the QObject parent owns a task, unless a queue, a group or setDeleteOnFinished() is told to
  * delete it.
- * Threads:   no lock. Call from the task's thread unless an operation says otherwise; signals come on the thread that
- *            calls the operation. state(), stateString() and isIdle() to isFinished() may be called from any thread.
+ * Threads:   from any thread: all getters, the waits, cancel(), finish(), setProgress(), setProgressText() and
+ *            setVariantResult(). The rest is called in the task's thread, or where its work runs at the moment. Signals
+ *            come on the thread that calls the operation.
  * Handlers:  may do anything to the task, deleting it included, from any signal of any operation; the operation then
  *            stops there.
  */
@@ -54,6 +55,13 @@ public:
         ExcludeUserInput = 1, ///< all but the user's input
     };
 
+    /**
+     * Waits for other threads that are at work with the task.
+     *
+     * In the task's thread at any time, but for handlers that run under the lock of a group: while another thread is
+     * at work with the task a debug build aborts there, and a release build may wait for ever. On another thread when a
+     * wait for the task has returned there, or nothing of it is under way in its own. Otherwise use deleteLater().
+     */
     ~BaseTask() override;
 
     /// The name of the task; empty at first.
@@ -95,7 +103,7 @@ public:
 
     /**
      * The queue to which the task was handed last. Null when there is none, when it was destroyed, and when it has let
-     * go of the task after its start, other than by TasksQueue::clear(). May be called from any thread.
+     * go of the task after its start, other than by TasksQueue::clear() or because the task was set idle.
      */
     TasksQueue *queue() const;
     /// Called by TasksQueue, and by ComplexTask for complex subtasks. Does not put the task into the queue. May be
@@ -128,7 +136,7 @@ public:
     QCoro::Task<Error> co_waitForFinished() const;
 
 public Q_SLOTS:
-    /// Finishes the task with the error Canceled, unless it has finished.
+    /// Finishes the task with the error Canceled, unless it has finished. May be called from any thread, as finish().
     void cancel() override;
     /// Pauses, from any state but Paused. Does not stop work that is under way.
     virtual void pause();
@@ -138,7 +146,8 @@ public Q_SLOTS:
     virtual void finalize();
     /**
      * Ends the run with \a err, or with the error that doFinish() returns. Ignored while the run is being finished
-     * and after that.
+     * and after that: a call that comes second returns at once, on another thread perhaps before the first one is
+     * through. May be called from any thread, by the work as well.
      *
      * Emits, in order: canceled() for a Canceled error, errorChanged(), stateChanged(Finalizing), finalizing(),
      * errorChanged() again when doFinish() failed, stateChanged(Finished), finished(). When a handler sets the
@@ -148,7 +157,8 @@ public Q_SLOTS:
     /**
      * Enters Idle, so that a queue takes the task again; emits stateChanged() alone. Error, result and progress stay,
      * but a task that had finished does not count as canceled any more. Does not stop work that is under way; what it
-     * returns is dropped.
+     * returns is dropped, and work that has not begun is not called. The run is over: the queue that started it has
+     * its slot back, and a group takes the task for done, without an error.
      */
     void setIdle();
     /// Enters Running; emits started() when the task was idle, started() and restarted() when it had finished.
@@ -161,7 +171,7 @@ public Q_SLOTS:
     int currentProgress() const;
     int totalProgress() const;
     ///@}
-    /// Stores both figures as they are and emits progress(), also when nothing changed.
+    /// Stores both figures as they are, in one step, and emits progress(), also when nothing changed.
     void setProgress(int value, int total);
     /// The text of the last setProgressText(); empty at first.
     QString progressText() const;
@@ -178,7 +188,7 @@ public Q_SLOTS:
      * Timeout and the task goes on. The wait ends as soon as finish() is through with its work, on whichever thread
      * it runs, before handlers of finished() on other threads are done. A task that is destroyed meanwhile gives
      * GeneralError, one that is set finished by setFinished() its error. When the application quits, the wait ends
-     * without an error: look at isFinished().
+     * without an error: look at isFinished(). Whoever has waited may destroy the task.
      *
      * May be called from any thread that can run an event loop. Do not call it from a handler of the ending task:
      * it cannot return there.

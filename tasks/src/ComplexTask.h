@@ -23,7 +23,8 @@ namespace zel {
  * complex task does not count towards the limit of its queue.
  *
  * Ownership: owns its group. Subtasks belong to the group as its clean-up policy says.
- * Threads:   everything in the task's thread.
+ * Threads:   as Task; cancel() and exec() from any thread. What lists or starts subtasks, and the group, in the task's
+ *            thread or where its work runs at the moment.
  */
 class ZEL_TASKS_EXPORT ComplexTask : public Task {
     Q_OBJECT
@@ -37,10 +38,11 @@ public:
 
     /// Sets the task's name, and the group's to the same with ":GroupTask" behind.
     void setName(const QString &name) override;
-    /// As Task::exec(). After a run, also when it was set idle since, the task begins with its group made fresh: idle,
-    /// without errors, not canceled.
+    /// As Task::exec(). After a run, also when it was set idle since, and when the group has ended, the task begins
+    /// with its group made fresh: idle, without errors, not canceled. One that was set since and has not ended is taken
+    /// as it is.
     void exec() override;
-    /// Cancels the group, and with it the unfinished subtasks, then the task itself.
+    /// Cancels the group, and with it the unfinished subtasks, then the task itself. May be called from any thread.
     void cancel() override;
 
 protected:
@@ -49,13 +51,13 @@ protected:
     /**
      * Replaces the group: deletes the old one and takes ownership of \a group. Null and the present group: ignored.
      *
-     * The new one is told to cancel its children when it stops them. A group that contains this task is refused with a
-     * warning in "zel.tasks".
+     * The new one is told to cancel its children when it stops them. One that has ended ends the run that is under
+     * way. A group that contains this task is refused with a warning in "zel.tasks".
      */
     void setGroupTask(GroupTask *group);
 
     /// Lists \a task in the group without starting it; one of the callbacks runs, in this task's thread, when it ends.
-    /// Null: ignored.
+    /// They go with this task. Null: ignored.
     void appendSubtask(Task *task, std::function<void()> onSuccess = {}, std::function<void()> onFailure = {});
     /// execSubtasks() with one task.
     void execSubtask(Task *task);
@@ -64,8 +66,8 @@ protected:
     /**
      * Lists \a tasks in the group and starts those that it admitted, through the queue if there is one.
      *
-     * Nothing is listed or started when this task has finished. A subtask that the queue refuses ends with
-     * GeneralError.
+     * Nothing is listed or started when this task has finished, and no subtask that was stopped meanwhile is started.
+     * One whose priority the queue refuses ends with GeneralError.
      */
     virtual void execSubtasks(const QList<Task *> &tasks);
     /// What the group waits for in a run. NoWait.

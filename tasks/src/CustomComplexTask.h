@@ -10,7 +10,7 @@ namespace zel {
  *
  * Implement doExecSubtasks() with the operations of ComplexTask. The task ends, with the error of its group, when every
  * subtask has ended, or one has failed under FailFast; at once when doExecSubtasks() returns an error, while subtasks
- * that it started go on, or when it lists no subtask at all.
+ * that it started go on, or when it lists no subtask and none is pending from before.
  */
 class ZEL_TASKS_EXPORT CustomComplexTask : public ComplexTask {
     Q_OBJECT
@@ -23,7 +23,7 @@ public:
     ~CustomComplexTask() override;
 
 protected:
-    /// doExecSubtasks(); then ends the task if no subtask was listed.
+    /// doExecSubtasks(); then ends the task if no subtask was listed, none is pending and the group has not ended.
     Error doExec() override;
     /// WaitAll.
     GroupTask::WaitMode waitMode() const override;

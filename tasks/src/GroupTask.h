@@ -22,15 +22,19 @@ class Task;
  * failure policy with an error that stands for all of theirs.
  *
  * Sharp edges: an empty group does not finish by itself, nor does one whose last pending child is destroyed before it
- * finished. A child that was running when it was appended does not make the group Running.
+ * finished. A child that was running when it was appended does not make the group Running. One that is set idle while
+ * it runs counts as done, without an error.
  *
  * Ownership: children are deleted, with deleteLater(), as the clean-up policy says and never otherwise; the group is
- *            not their QObject parent. A child may be destroyed by others at any time.
- * Threads:   children may live in other threads; with the default connection type the group follows them in its own.
- *            Stopping a child calls it in the thread that stops the group. The group's signals are emitted with its
- *            lock held: do not wait in their handlers for a thread that uses the group.
- * Handlers:  of the group's and the children's signals may append, cancel, change policies, delete a child or the
- *            group.
+ *            not their QObject parent. A child may be destroyed by others wherever a task may be, see ~BaseTask().
+ * Threads:   append(), cancel() and the getters from any thread; policies and what sets the state as in BaseTask.
+ *            Children may live in other threads; with the default connection type the group follows them in its own.
+ *            Stopping a child calls it in the thread that stops the group.
+ * Lock:      recursive; held while the group follows or stops its children and emits signals: do not wait in their
+ *            handlers for a thread that uses the group. The lock of a group is taken before those of the groups in it,
+ *            and before any queue's.
+ * Handlers:  of the group's and the children's signals may append, cancel, change policies, delete the group or a child
+ *            that no other thread is at work with; otherwise deleteLater().
  */
 class ZEL_TASKS_EXPORT GroupTask : public BaseTask {
     Q_OBJECT
@@ -78,15 +82,17 @@ public:
     /**
      * Lists \a task as the last child, and emits taskAppended().
      *
-     * A canceled group cancels the task instead, a finished one finishes it with GeneralError. A task that has
-     * finished already is handled as finished later, by the connection type. A listed task keeps its place; one that
-     * was set idle after its end is waited for again. Null: ignored. The group itself, and groups and complex tasks
-     * that contain it: refused with a warning in "zel.tasks". May be called from any thread.
+     * A group that was or is being canceled cancels the task instead, one that has finished or is finishing finishes
+     * it with GeneralError. A task that has finished already is handled as finished later, by the connection type. A
+     * listed task keeps its place; one that was set idle after its end is waited for again. Null: ignored. The group
+     * itself, and groups and complex tasks that contain it: refused with a warning in "zel.tasks". May be called from
+     * any thread.
      */
     void append(BaseTask *task);
     /// append() for each, in list order. May be called from any thread.
     void append(const QList<BaseTask *> &tasks);
-    /// Makes a Task of a coroutine that is under way and appends it; the group owns it as the clean-up policy says.
+    /// Makes a Task of a coroutine that is under way and appends it; the group owns it as the clean-up policy says. It
+    /// deletes itself at its end when the group was destroyed before.
     void append(QCoro::Task<Error> coroutine);
 
     /// The children in order; null where a listed child was destroyed (not with Executable).
@@ -119,7 +125,10 @@ public:
     void setConnectionType(Qt::ConnectionType type);
 
 public Q_SLOTS:
-    /// Stops the unfinished children, then ends the group with the error Canceled, or with the collected ones.
+    /**
+     * Stops the unfinished children, one after another, then ends the group with the error Canceled, or with the
+     * collected ones. May be called from any thread. The queues of the children start nothing while these are stopped.
+     */
     void cancel() override;
 
 Q_SIGNALS:
@@ -133,7 +142,7 @@ protected:
     virtual Error unifiedError() const;
     /// One error that stands for all of \a errors, see UnifiedError; no error for an empty list.
     Error unifiedError(const QList<Error> &errors) const;
-    /// Hands \a task to the group's queue, or runs it here when there is none. Does not append it.
+    /// Hands \a task to the group's queue, or runs it here when there is none. Does not append it. Null: ignored.
     void execTask(Task *task);
 
 private:

@@ -18,11 +18,13 @@ namespace zel {
  * by side; the mode alone decides which one exec() uses. Without work the task succeeds at once.
  *
  * Ownership: owns the stored functions and its working thread.
- * Threads:   as BaseTask. In WorkingThread mode the work runs on a thread of its own and everything else, finished()
- *            included, in the task's thread, which needs an event loop.
+ * Threads:   as BaseTask; exec(), setPriority(), setCountAsRunning() and setTriggersNext() from any thread, too. In
+ *            WorkingThread mode the work runs on a thread of its own and everything else, finished() included, in the
+ *            task's thread, which needs an event loop.
  * Errors:    the error that the work returns is the task's. Exceptions that leave a plain function pass through exec()
  *            and leave the task Running; those that leave a coroutine, and a std::exception on a working thread, end
- * the task with GeneralError and their text, and with a critical line in "zel.tasks".
+ *            the task with GeneralError and their text, and with a critical line in "zel.tasks". Any other exception
+ *            on a working thread ends the process.
  */
 class ZEL_TASKS_EXPORT Task : public BaseTask {
     Q_OBJECT
@@ -59,7 +61,8 @@ public:
      * Emits aboutToDestroy(), then stops the working thread like deleteWorkingThread().
      *
      * Work that was handed the task, and work of a subclass, is waited for until it has returned, with a warning when
-     * that takes seconds. A plain std::function<Error()> of a Task that is not subclassed is not waited for.
+     * that takes seconds. A plain std::function<Error()> of a Task that is not subclassed is not waited for. Where a
+     * task may be destroyed, ~BaseTask() says.
      */
     ~Task() override;
 
@@ -90,7 +93,8 @@ public:
     /// Emits priorityChanged() when the value is another one. Not checked here; a queue refuses what it does not know.
     void setPriority(int priority);
 
-    /// How long each stop request waits for the working thread. Default: 10 ms. Negative: without limit.
+    /// How long each stop request waits for the working thread. Default: 10 ms. Negative: without limit, as is what the
+    /// clock cannot say.
     std::chrono::milliseconds threadWaitTime() const;
     /// In milliseconds, for later stop requests. Ending the task may block its caller up to three times as long.
     ///@{
@@ -115,9 +119,10 @@ public Q_SLOTS:
     /**
      * Runs the work by the execution mode, again if the task had finished.
      *
-     * Emits what setRunning() emits, first; nothing is started when a handler ends the task there. A second call while
-     * a working thread runs stops that thread and starts another; while a coroutine is under way it starts a second
-     * one, and the first of them to complete ends the task.
+     * Emits what setRunning() emits, first; nothing is started when a handler ends the task there, or another thread
+     * does. May be called from any thread: of calls at the same time, those of queues included, one starts the task and
+     * the others do nothing. A later call while a working thread runs stops that thread and starts another; while a
+     * coroutine is under way it starts a second one, and the first of them to complete ends the task.
      */
     virtual void exec();
     /**
@@ -170,7 +175,8 @@ protected:
      * result is dropped. On the working thread itself nothing is requested: the work runs out.
      */
     void deleteWorkingThread();
-    /// deleteWorkingThread(), then waits without limit until no work is inside this task any more.
+    /// deleteWorkingThread(), then waits without limit until no work, and no exec() or finish() on another thread, is
+    /// inside this task any more.
     void stopWorkingThread();
 
 private:

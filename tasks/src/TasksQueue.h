@@ -16,15 +16,17 @@ namespace zel {
  * Keeps pending tasks by priority and starts them while fewer than a limit are running.
  *
  * Smaller priority numbers go first; within one priority, first in, first out. A pending task that is not idle when
- * its turn comes, because it was paused or started elsewhere, is passed over and keeps its place. A task is in at most
- * one queue: a queue that takes it takes it away from another that holds it.
+ * its turn comes, because it was paused or started elsewhere, is passed over and keeps its place until it is idle
+ * again. A task is in at most one queue: a queue that takes it takes it away from another that holds it. Limits are
+ * about runs: one that ends, or is set idle, gives its slot back, also when its work goes on.
  *
  * Ownership: owns no task; hands finished ones to deleteLater() only in the mode DeleteFinished.
  * Threads:   operations may be called from any thread. With the default connection type the queue reacts to its tasks
- *            in the thread that constructed it. Task::exec() is called in the thread that dispatches, and never while
- *            the queue's lock is held; clear() holds the lock while it finishes or cancels tasks.
+ *            in the thread that constructed it, also when it was moved to another one. Task::exec() is called in the
+ *            thread that dispatches.
+ * Lock:      guards data only: it is held for no signal, no work and no virtual function.
  * Handlers:  may do anything to tasks and queue, deleting them included.
- * Errors:    none returned; a refused task is a warning in "zel.tasks".
+ * Errors:    none returned; a refused task is a warning in "zel.tasks". Null tasks are ignored.
  */
 class ZEL_TASKS_EXPORT TasksQueue : public QObject {
     Q_OBJECT
@@ -63,7 +65,13 @@ public:
 
     /// An idle queue without tasks.
     explicit TasksQueue(QObject *parent = nullptr);
-    /// Lets go of all tasks; they are neither finished nor deleted, running ones go on.
+    /**
+     * Lets go of all tasks; they are neither finished nor deleted, running ones go on.
+     *
+     * On any thread, when nobody else calls the queue directly any more; its tasks may start, end and be destroyed
+     * meanwhile. Waits for other threads that choose, react or announce for the queue, not for work that it has
+     * started: a subclass whose exec() uses its own members after the work stops that work first.
+     */
     ~TasksQueue() override;
 
     /// The name that log lines show.
@@ -135,7 +143,9 @@ public:
      * what \a policy says, \a error being that of Finish. Tasks that are Finalizing or Finished are left as they are.
      * Tasks that handlers add while pending ones are treated are dropped as well.
      *
-     * One step for other threads: the queue is locked meanwhile. The cleared tasks are never deleted by the queue.
+     * One step for other threads: all tasks are taken out at once, and what other threads append meanwhile stays. The
+     * tasks are ended one after another, without a lock, in the calling thread; one that a handler removes before its
+     * turn is spared. The queue never deletes cleared tasks.
      */
     virtual void clear(ClearPolicy policy = Remove, const Error &error = Error());
 
@@ -144,11 +154,13 @@ public Q_SLOTS:
     void pause();
     /// Enters Working and dispatches, whatever the state was; with nothing to do, the queue becomes Idle again.
     void resume();
-    /// Starts what may be started. Called by the queue when tasks come and go, not when a limit or a count changes.
+    /// Starts what may be started, before it returns. Called by the queue when tasks come and go, not when a limit or a
+    /// count changes.
     void tryExec();
 
 Q_SIGNALS:
-    /// After every change of state(), on the thread that made it.
+    /// After every change of state(), in the order of the changes: on the thread that made it, or on one that is
+    /// announcing an earlier one at the time.
     void stateChanged(State state);
 
 protected:
@@ -156,15 +168,16 @@ protected:
     virtual void exec(Task *task);
     /// Puts a task among the pending ones, or refuses it. Takes the lock.
     virtual void enqueueTask(Task *task, EnqueueMode mode);
-    /// Takes the next idle task out of the pending ones; null when there is none. Takes the lock.
+    /// Takes the next idle task out of the pending ones; null when there is none, and when a dispatch calls it and the
+    /// slots were taken meanwhile. Takes the lock.
     virtual Task *dequeueTask();
-    /// Takes \a task, not null, from another queue that holds it, makes this one its queue() and calls enqueueTask().
-    /// Does not dispatch.
+    /// Takes \a task from another queue that holds it, makes this one its queue() and calls enqueueTask(). Does not
+    /// dispatch.
     virtual void addTask(Task *task, EnqueueMode mode);
-    /// Reacts to the end of a task; null when the task is gone already. Called with the lock held unless null: the
-    /// dispatch that removeTask() and tryExec() ask for in here is made when the lock is released.
+    /// Reacts to the end of a task; null when the task is gone already. Called without the lock. Lets go of the task,
+    /// and hands it to deleteLater() if it is to, before it dispatches: read nothing of the task afterwards.
     virtual void onTaskFinished(Task *task);
-    /// Forgets a task that is being destroyed, on the thread that destroys it.
+    /// Forgets a task that is being destroyed, of whatever kind, on the thread that destroys it.
     virtual void onTaskDestroyed(Task *task);
 
     /// Emits stateChanged() when the state is another one. Does not dispatch.
@@ -179,7 +192,7 @@ protected:
     void disconnectTask(Task *task);
     /// Disconnects \a task, takes it out if it is running, and dispatches. Its queue() stays.
     void removeRunningTask(Task *task);
-    /// Disconnects \a task, which clear() has taken out, and does to it what \a policy says. Called with the lock held.
+    /// Disconnects \a task, which clear() has taken out, and does to it what \a policy says. Called without the lock.
     void clearTask(Task *task, ClearPolicy policy, const Error &error);
 
 private:
