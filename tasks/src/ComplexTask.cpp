@@ -49,6 +49,8 @@ GroupTask *ComplexTask::Private::ensureGroupTask()
     if (!groupTask) {
         setupGroupTask(new GroupTask(q));
         groupTask->setName(q->name() + groupNameSuffix);
+        // Others have deleted that of the run.
+        groupTask->setWaitMode(q->waitMode());
     }
     return groupTask;
 }

@@ -531,6 +531,8 @@ void GroupTask::Private::dropStopped(const QList<Child> &stopped)
         child->handledRun = visit.isInside() ? child->life->run() : child->begunRun.load();
         if (cleanupPolicy == DeleteWhenFinished)
             unlistAndDelete(child);
+        else if (cleanupPolicy == SelfDelete)
+            freeWrapper(child);
     }
 }
 
@@ -560,7 +562,7 @@ GroupTask::~GroupTask()
 // Nobody but its group knows the task that was made of a coroutine.
 void GroupTask::Private::freeWrapper(const Child &child) const
 {
-    if (!child->isWrapper || cleanupPolicy == SelfDelete)
+    if (!child->isWrapper)
         return;
     const TaskVisit visit(child->life);
     if (!visit.isInside())

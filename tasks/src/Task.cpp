@@ -590,6 +590,7 @@ void Task::deleteWorkingThread()
 void Task::stopWorkingThread()
 {
     deleteWorkingThread();
+    TaskLife::of(this)->waitForVisitors(name());
     TaskLife::of(this)->waitForWorkers(name());
 }
 

@@ -1,6 +1,7 @@
 #include "TaskLife.h"
 
 #include "Departure.h"
+#include "GroupChild.h"
 #include "GroupLocker.h"
 #include "Interleaving.h"
 #include "TasksLog.h"
@@ -172,6 +173,16 @@ void TaskLife::setWhole(BaseTask *task)
     m_dying = task;
 }
 
+// Followers hold on to the life of their task.
+void TaskLife::setDestroyed()
+{
+    std::vector<std::shared_ptr<GroupChild>> released;
+    const QMutexLocker locker(&m_mutex);
+    m_isDestroyed = true;
+    m_hasFollowers = false;
+    released.swap(m_followers);
+}
+
 BaseTask *TaskLife::dyingTask() const
 {
     return m_destroyer == QThread::currentThreadId() ? m_dying.load() : nullptr;
@@ -200,8 +211,10 @@ void TaskLife::waitUntilAlone(size_t kind, const QString &name) const
                "deleteLater() there",
                qUtf8Printable(name));
 #endif
+    ++m_waiting;
     departure::wait([&visits, own] { return visits == own; },
                     [&name] { qCWarning(tasksLog) << "Still waiting for the work of task" << name << "to return"; });
+    --m_waiting;
 }
 
 void TaskLife::add(TaskWatcher *watcher)
@@ -268,8 +281,8 @@ void TaskVisit::leave()
         return;
     interleavingPoint("leave");
     --m_life->m_visits[m_kind];
-    // Somebody may be waiting: a destructor, or stopWorkingThread() for work.
-    if (m_kind == Work || !m_life->task())
+    // A waiting thread says so before it looks at the count.
+    if (m_life->isAwaited())
         departure::announce();
 }
 

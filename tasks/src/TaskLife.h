@@ -117,9 +117,9 @@ public:
     /// The retired task is whole while its destructor calls handlers, on this thread alone.
     void setWhole(BaseTask *task);
     /// Called when the last destructor has seen that no other thread visits the task.
-    void setDestroyed() { m_isDestroyed = true; }
-    /// Returns when no other thread visits the retired task; warns when that takes seconds. Debug builds abort when it
-    /// would have to wait under the lock of a group, which the other thread may need to get done.
+    void setDestroyed();
+    /// Returns when no other thread visits the task; warns when that takes seconds. Debug builds abort when it would
+    /// have to wait for a retired task under the lock of a group, which the other thread may need to get done.
     void waitForVisitors(const QString &name) const;
     /// The same for threads that are inside the work.
     void waitForWorkers(const QString &name) const;
@@ -141,6 +141,7 @@ private:
     };
     Change move(State state, How how);
     BaseTask *dyingTask() const;
+    bool isAwaited() const { return m_waiting > 0 || !m_task; }
     void waitUntilAlone(size_t kind, const QString &name) const;
 
     mutable QMutex m_mutex;
@@ -165,6 +166,8 @@ private:
     TaskWatcher *m_lastWatcher = nullptr;
     /// How many visits there are, of either kind.
     std::array<std::atomic<int>, 2> m_visits{};
+    /// How many threads wait for visits to end.
+    mutable std::atomic<int> m_waiting{0};
 };
 
 /**

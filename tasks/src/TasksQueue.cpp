@@ -205,6 +205,8 @@ bool TasksQueue::Private::startPending(quint64 &servedRequests)
             interleavingPoint("dequeued");
             if (!shared->queue())
                 return false;
+            if (!task && hand.isFull)
+                return false;
             if (!task) {
                 qCInfo(tasksLog) << "No more tasks in the queue " << queue->name();
                 return true;
@@ -316,7 +318,7 @@ void TasksQueue::Private::recount(const Share &share, const Task *task)
         return;
     auto *queue = share->queue()->d.get();
     Entry *entry = queue->entryOf(task);
-    if (entry && entry->place == Entry::Running)
+    if (entry && (entry->place == Entry::Running || entry->place == Entry::Claimed))
         queue->setCounted(entry, task->countAsRunning());
 }
 
@@ -380,12 +382,19 @@ TasksQueue::Private::Entry *TasksQueue::Private::nextReady()
 
 Task *TasksQueue::Private::takeNextIdle(TasksQueueHand *hand)
 {
+    // The slot is taken with the task: other threads dispatch at the same time.
+    if (hand && countedRunning >= maxRunning) {
+        hand->isFull = true;
+        return nullptr;
+    }
     while (Entry *entry = nextReady()) {
-        if (hand ? hand->take(entry) : entry->task->isIdle()) {
-            if (hand)
-                move(entry, Entry::Claimed, claimed, claimed.end());
-            else
-                takeOut(entry);
+        if (hand && hand->take(entry)) {
+            move(entry, Entry::Claimed, claimed, claimed.end());
+            setCounted(entry, entry->task->countAsRunning());
+            return entry->task;
+        }
+        if (!hand && entry->task->isIdle()) {
+            takeOut(entry);
             return entry->task;
         }
         // Out of the way of every later dispatch, until the task is idle again and gets its place back.
@@ -681,7 +690,7 @@ void TasksQueue::Private::move(Entry *entry, Entry::Place place, Entries &to, En
     to.splice(before, from, entry->self);
     entry->place = place;
     pendingCount += int(entry->isPending());
-    if (entry->isCounted && place != Entry::Running && place != Entry::Leaving)
+    if (entry->isCounted && place != Entry::Claimed && place != Entry::Running && place != Entry::Leaving)
         setCounted(entry, false);
     if (left == Entry::Returned)
         returnedByTurn.erase(entry->turn());
@@ -1034,6 +1043,11 @@ void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
                 d->follow(d->entryOf(task));
             else
                 outcome = IsElsewhere;
+            // Ended on another thread before the queue could hear of that. An end that is still to come is heard of.
+            if (outcome == Inserted && task->isFinished()) {
+                d->forget(d->entryOf(task));
+                outcome = IsElsewhere;
+            }
         }
     }
     if (outcome == IsPending)

@@ -89,6 +89,8 @@ struct TasksQueueHand {
     quint64 claim = 0;
     std::shared_ptr<TaskLife> life;
     std::optional<TaskVisit> visit;
+    /// There was no free slot any more when dequeueTask() came to take one.
+    bool isFull = false;
 
 private:
     TasksQueueHand *const m_outer;
@@ -164,7 +166,7 @@ public:
     std::vector<TasksQueueClearing *> clearings;
     /// Sizes of the ready, parked and returned lists together.
     int pendingCount = 0;
-    /// Entries that are counted: running ones, and those that clear() has not come to.
+    /// Entries that are counted: claimed and running ones, and those that clear() has not come to.
     int countedRunning = 0;
     quint64 lastStay = 0;
     qint64 firstOrder = 0;

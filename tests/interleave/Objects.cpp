@@ -35,19 +35,10 @@ protected:
         if (!subtasks.isEmpty() && World::random(2))
             execSubtask(subtasks.takeLast(), [watch = m_watch] { ++watch->callbacks; });
         execSubtasks(subtasks);
-        if (World::random(8) == 0)
-            replaceGroup();
         return World::random(8) == 0 ? World::error() : Error();
     }
 
 private:
-    void replaceGroup()
-    {
-        auto *group = new GroupTask;
-        group->moveToThread(thread());
-        setGroupTask(group);
-    }
-
     World *const m_world;
     const std::shared_ptr<Watch> m_watch;
 };
@@ -119,20 +110,20 @@ const char *Watch::complaint() const
     return nullptr;
 }
 
-LimitedQueue::LimitedQueue(World *world, int limit) : m_world(world), m_limit(limit)
+LimitedQueue::LimitedQueue(World *world, int limit) : m_world(world), m_limit(limit), m_number(++lastNumber)
 {
     setMaxRunningTasksCount(limit);
 }
 
 void LimitedQueue::exec(Task *task)
 {
-    m_world->checkLimit(this, task, m_limit);
+    m_world->checkLimit(m_number, task, m_limit);
     TasksQueue::exec(task);
 }
 
 // Tasks that were all running at one time, while the new one had its slot: a task that was seen twice in the same run
 // was running between.
-void World::checkLimit(const TasksQueue *queue, const Task *started, int limit)
+void World::checkLimit(int queueNumber, const Task *started, int limit)
 {
     std::vector<std::pair<const Watch *, int>> running;
     std::vector<TaskUse> uses;
@@ -144,7 +135,7 @@ void World::checkLimit(const TasksQueue *queue, const Task *started, int limit)
         const auto watch = watchOf(task);
         if (task.get() == started)
             own = watch.get();
-        else if (watch->starter == queue && watch->handExecs == 0 && !watch->isOdd && task->isRunning()
+        else if (watch->starter == queueNumber && watch->handExecs == 0 && !watch->isOdd && task->isRunning()
                  && task->countAsRunning())
             running.emplace_back(watch.get(), watch->ends + watch->idles);
         if (task.get() == started || task->isRunning())
@@ -160,7 +151,7 @@ void World::checkLimit(const TasksQueue *queue, const Task *started, int limit)
     });
     if (isBeyond && areRunning && own->ends + own->idles == ownEnds && started->countAsRunning())
         fail("more tasks run than the limit allows");
-    const_cast<Watch *>(own)->starter = queue;
+    const_cast<Watch *>(own)->starter = queueNumber;
 }
 
 Error World::error()
@@ -226,6 +217,7 @@ void World::putGroup(Place<GroupTask> *place)
 {
     auto *group = new GroupTask;
     group->setConnectionType(random(2) ? Qt::DirectConnection : Qt::QueuedConnection);
+    group->setCleanupPolicy(GroupTask::CleanupPolicy(random(3)));
     const auto reactOn = [&](auto... signal) {
         (QObject::connect(
              group, signal, group, [this, group] { react(group); }, Qt::DirectConnection),

@@ -125,10 +125,13 @@ void waitForTask(World &world, bool forAll)
     ++watch->waiters;
     const int depth = std::exchange(here.depth, 0);
     ++here.waits;
+    here.actor->isWaiting = true;
     const int msec = random(3) == 0 ? random(10) : -1;
     forAll ? awaited->waitForAllFinished(msec) : awaited->waitForFinished(msec);
+    here.actor->isWaiting = false;
     --here.waits;
     here.depth = depth;
+    *held = World::TaskUse();
     --watch->waiters;
 }
 
@@ -205,9 +208,10 @@ void nestGroups(World &world)
 
 void setPolicies(World &world)
 {
-    withHomeGroup(world, [](GroupTask *group) {
+    withHomeGroup(world, [&](GroupTask *group) {
+        if (world.changesCleanup())
+            group->setCleanupPolicy(GroupTask::CleanupPolicy(random(3)));
         group->setWaitMode(GroupTask::WaitMode(random(4) != 0));
-        group->setCleanupPolicy(GroupTask::CleanupPolicy(random(3)));
         group->setCancelSubtasksMode(GroupTask::CancelSubtasksMode(random(2)));
         group->setChildFailurePolicy(GroupTask::ChildFailurePolicy(random(3)));
     });
@@ -310,7 +314,7 @@ const std::vector<Operation> allOperations{
     {"group.append", Unlocked, appendToGroup},
     {"group.appendCoroutine", Unlocked,
      [](World &world) {
-         if (here.actor)
+         if (here.actor && !world.changesCleanup())
              withGroup(world, [&](GroupTask *group) { group->append(world.awaitAny()); });
      }},
     {"group.nest", Unlocked, nestGroups},

@@ -4,7 +4,6 @@
 
 #include <QEvent>
 #include <QObject>
-#include <QThread>
 
 #include <atomic>
 #include <memory>
@@ -80,14 +79,12 @@ public:
         put(object);
         return nullptr;
     }
-    /// Waits for those who use the object, if it is \a object.
-    void take(const QObject *object)
+    /// Empties the place if the object is \a object; whether nobody uses what was here.
+    bool close(const QObject *object)
     {
-        T *expected = m_object.load();
-        if (expected != object || !m_object.compare_exchange_strong(expected, nullptr))
-            return;
-        while (m_uses.load(std::memory_order_acquire) > 0)
-            QThread::yieldCurrentThread();
+        if (m_object.load(std::memory_order_relaxed) == object)
+            m_object.store(nullptr);
+        return m_uses.load(std::memory_order_acquire) == 0;
     }
 
     /// Where the object lives. The place of a queue changes its home with it.
@@ -99,7 +96,7 @@ private:
     std::atomic<int> m_uses = 0;
 };
 
-/// Empties the place of an object when deleteLater() has come to it, before its destruction begins.
+/// Empties the place of an object when deleteLater() has come to it, and puts its destruction off until nobody uses it.
 template <typename T>
 class Farewell : public QObject {
 public:
@@ -107,12 +104,25 @@ public:
 
     bool eventFilter(QObject *object, QEvent *event) override
     {
-        if (event->type() == QEvent::DeferredDelete)
-            m_place->take(object);
-        return false;
+        if (event->type() != QEvent::DeferredDelete || m_place->close(object))
+            return false;
+        destroyLater();
+        return true;
     }
 
 private:
+    // Not by waiting here: those who use the object may wait for this thread.
+    void destroyLater()
+    {
+        const auto destroy = [this] {
+            if (m_place->close(parent()))
+                delete parent();
+            else
+                destroyLater();
+        };
+        QMetaObject::invokeMethod(this, destroy, Qt::QueuedConnection);
+    }
+
     Place<T> *const m_place;
 };
 
@@ -139,7 +149,7 @@ struct Watch {
     std::atomic<int> callbacks = 0;  ///< of a complex task: subtasks that succeeded
     std::atomic<int> waiters = 0;    ///< who waits for it or awaits it
     std::atomic<bool> isOdd = false; ///< its error was set by hand, or its count toggled: some checks do not hold
-    std::atomic<const void *> starter = nullptr; ///< the limited queue that started it
+    std::atomic<int> starter = 0;    ///< the number of the limited queue that started it
 
     void follow(const zel::BaseTask *task, const std::shared_ptr<Watch> &self);
     /// What is wrong with the figures; null when nothing is.

@@ -71,6 +71,7 @@ World::World(quint64 seed) : m_seed(seed)
         m_actors.push_back(std::make_unique<Actor>(this, number, number == 0 || random(3) > 0));
     m_hasGroups = random(3) > 0 && has("groups");
     m_hasComplex = random(3) == 0 && has("complex");
+    m_changesCleanup = random(2);
     tasks = std::vector<Place<Task>>(size_t(3 + random(8)));
     m_watches.resize(tasks.size());
     groups = std::vector<Place<GroupTask>>(size_t(m_hasGroups ? 1 + random(2) : 0));
@@ -191,7 +192,8 @@ void World::react(GroupTask *group)
 void World::fail(const char *what)
 {
     std::fprintf(stderr, "FAILED: %s\n", what);
-    describe();
+    if (!m_isStuck)
+        describe();
     std::abort();
 }
 
@@ -208,13 +210,17 @@ void World::describe()
         if (!task)
             continue;
         const Watch &watch = *watchOf(task);
-        std::fprintf(
-            stderr,
-            "task %d of actor %d: kind %d, state %d; works %d, execs by hand %d, started %d, restarted %d, idle "
-            "%d, paused %d, ended %d, finished() %d, waiters %d\n",
-            watch.number, place.home.load()->number, watch.kind, task->state(), watch.works.load(),
-            watch.handExecs.load(), watch.starts.load(), watch.restarts.load(), watch.idles.load(), watch.pauses.load(),
-            watch.ends.load(), watch.finishes.load(), watch.waiters.load());
+        const auto holder = std::find_if(queues.begin(), queues.end(), [&](auto &queuePlace) {
+            const QueueUse queue(&queuePlace);
+            return queue && task->queue() == queue.get();
+        });
+        std::fprintf(stderr,
+                     "task %d of actor %d: kind %d, state %d, queue %d; works %d, execs by hand %d, started %d, "
+                     "restarted %d, idle %d, paused %d, ended %d, finished() %d, waiters %d\n",
+                     watch.number, place.home.load()->number, watch.kind, task->state(),
+                     holder == queues.end() ? -1 : holder->number, watch.works.load(), watch.handExecs.load(),
+                     watch.starts.load(), watch.restarts.load(), watch.idles.load(), watch.pauses.load(),
+                     watch.ends.load(), watch.finishes.load(), watch.waiters.load());
     }
     for (const auto &actor : m_actors)
         std::fprintf(stderr, "actor %d: %d operations left\n", actor->number, actor->operationsLeft.load());
@@ -230,7 +236,8 @@ void World::everywhere(const std::function<void(Actor *)> &call)
             done->release();
         });
     }
-    if (!done->tryAcquire(int(m_actors.size()), patience))
+    m_isStuck = !done->tryAcquire(int(m_actors.size()), patience);
+    if (m_isStuck)
         fail("a thread stands still");
 }
 
@@ -364,11 +371,8 @@ void World::run()
     for (const auto &actor : m_actors)
         actor->start();
     const QDeadlineTimer end(300);
-    pollUntil([&] {
-        return end.hasExpired() || std::all_of(m_actors.cbegin(), m_actors.cend(), [](const auto &actor) {
-                   return actor->operationsLeft <= 0;
-               });
-    });
+    const auto isThrough = [](const auto &actor) { return actor->isThrough(); };
+    pollUntil([&] { return end.hasExpired() || std::all_of(m_actors.cbegin(), m_actors.cend(), isThrough); });
     settle();
     everywhere([this](Actor *actor) {
         for (auto &place : queues)

@@ -38,6 +38,9 @@ public:
     const int number;
     const bool usesLoop;
     std::atomic<int> operationsLeft;
+    std::atomic<bool> isWaiting = false;
+    /// Whether nothing is to be expected of it before the others have ended.
+    bool isThrough() const { return operationsLeft <= 0 || (isWaiting && !usesLoop); }
     /// Deleted at the end; handled by this thread alone.
     std::vector<QPointer<QObject>> leftovers;
 
@@ -62,6 +65,8 @@ protected:
 private:
     World *const m_world;
     const int m_limit;
+    const int m_number; ///< another queue may get the address of a destroyed one
+    static inline std::atomic<int> lastNumber = 0;
 };
 
 struct Operation {
@@ -100,7 +105,8 @@ public:
     static int random(int bound) { return here.random(bound); }
     static zel::Error error();
     bool isActing() const { return m_phase == Acting; }
-    bool hasComplexTasks() const { return m_hasComplex; }
+    /// Or has groups make tasks of coroutines, which nobody would delete when the policy changes.
+    bool changesCleanup() const { return m_changesCleanup; }
     static auto *any(auto &places) { return places.empty() ? nullptr : &places[size_t(random(int(places.size())))]; }
     /// Unless the calling thread's handlers must leave complex tasks alone.
     TaskUse anyTask();
@@ -125,7 +131,7 @@ public:
     void react();
     void react(zel::GroupTask *group);
     void enter();
-    void checkLimit(const zel::TasksQueue *queue, const zel::Task *started, int limit);
+    void checkLimit(int queueNumber, const zel::Task *started, int limit);
     [[noreturn]] void fail(const char *what);
 
     std::vector<Place<zel::Task>> tasks;
@@ -163,8 +169,10 @@ private:
     const quint64 m_seed;
     std::atomic<Phase> m_phase = Acting;
     std::atomic<int> m_workers = 0;
+    bool m_isStuck = false; ///< a thread may hold locks that the getters take
     bool m_hasGroups = false;
     bool m_hasComplex = false;
+    bool m_changesCleanup = false;
     std::vector<std::unique_ptr<Actor>> m_actors;
     std::vector<std::shared_ptr<Watch>> m_watches; ///< of the task in the same place
     QMutex m_mutex;

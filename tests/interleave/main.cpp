@@ -34,6 +34,7 @@ void onAbort(int)
 
 #ifdef __SANITIZE_ADDRESS__
 extern "C" void __sanitizer_set_death_callback(void (*callback)());
+extern "C" int __lsan_do_recoverable_leak_check();
 #endif
 
 int main(int argc, char *argv[])
@@ -49,6 +50,11 @@ int main(int argc, char *argv[])
     for (const QDeadlineTimer end(qint64(seconds) * 1000); rounds == 0 || !end.hasExpired(); ++rounds, ++presentSeed) {
         std::fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(presentSeed));
         World(presentSeed).run();
+#ifdef __SANITIZE_ADDRESS__
+        // After each round, so that the seed is known.
+        if (__lsan_do_recoverable_leak_check())
+            std::abort();
+#endif
     }
     std::printf("%d rounds\n", rounds);
     return 0;
