@@ -106,7 +106,7 @@ void BaseTask::Private::wakeWaits(bool isAnnounced) const
     if (!life->hasWatchers())
         return;
     const QMutexLocker locker(life->mutex());
-    life->notifyEnded(isAnnounced);
+    life->notifyEnded(q, isAnnounced);
 }
 
 void BaseTask::Private::announceFinished()
@@ -142,10 +142,8 @@ void BaseTask::Private::finish(Error error, bool isCancel)
 
     if (isCancel)
         qCInfo(tasksLog) << "Task" << task->name() << "=> Canceled";
-    if (error.equals(Canceled)) {
-        task->ErrorCancelable::setCanceled(true);
+    if (error.equals(Canceled) && shared->setCanceled(run))
         Q_EMIT task->canceled();
-    }
     if (!goesOn())
         return;
     if (error.hasError())
@@ -221,7 +219,7 @@ void BaseTask::Private::changeState(State state, std::optional<quint64> expected
     }
     // Queue and groups are told by a call: idle again, the task may be started, and its run is over for them.
     const auto followers = shared->followers();
-    const std::shared_ptr<TasksQueueShare> dispatching = Task::Private::leaveRun(task);
+    const std::shared_ptr<TasksQueueShare> dispatching = Task::Private::leaveRun(task, change->isReset);
     for (const auto &child : followers)
         GroupChild::noteIdle(child);
     announceState(*change, state);

@@ -28,6 +28,11 @@ void ComplexTask::Private::setupGroupTask(GroupTask *group)
     if (replaced)
         GroupTask::Private::handOverContainers(replaced.get(), node);
     groupTask = group;
+    {
+        std::shared_ptr<TaskLife> other = TaskLife::of(group);
+        const QMutexLocker locker(TaskLife::of(q)->mutex());
+        sharedGroup.swap(other);
+    }
     hasRun = false;
     group->setCancelSubtasksMode(GroupTask::CancelSubtasks);
     connect(
@@ -50,7 +55,8 @@ GroupTask *ComplexTask::Private::ensureGroupTask()
         setupGroupTask(new GroupTask(q));
         groupTask->setName(q->name() + groupNameSuffix);
         // Others have deleted that of the run.
-        groupTask->setWaitMode(q->waitMode());
+        if (!q->isIdle())
+            groupTask->setWaitMode(q->waitMode());
     }
     return groupTask;
 }
@@ -63,11 +69,23 @@ void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use, 
 }
 
 // The group is made fresh, also when it ended before the run; one that was set since the last run is taken as it is.
-void ComplexTask::Private::beginRun()
+void ComplexTask::Private::beginRun(BaseTask::State left)
 {
+    const std::shared_ptr<TaskLife> life = TaskLife::of(q);
     GroupTask *group = ensureGroupTask();
-    if (group->isFinished() || (hasRun && (q->isFinished() || q->isIdle())))
+    const bool isAnother = left == BaseTask::Finished || left == BaseTask::Idle;
+    if (group->isFinished() || (hasRun && isAnother))
         GroupTask::Private::of(group)->startAfresh();
+    if (!life->task())
+        return;
+    hasRun = true;
+    ensureGroupTask()->setWaitMode(q->waitMode());
+}
+
+std::shared_ptr<TaskLife> ComplexTask::Private::groupLife() const
+{
+    const QMutexLocker locker(TaskLife::of(q)->mutex());
+    return sharedGroup;
 }
 
 void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess,
@@ -155,6 +173,7 @@ ComplexTask::ComplexTask(const QString &name, QObject *parent) : Task(parent), d
     d->setupGroupTask(new GroupTask(this));
     ComplexTask::setName(name);
     setCountAsRunning(false);
+    Task::d->isComplex = true;
 }
 
 ComplexTask::ComplexTask(QObject *parent) : ComplexTask(QString(), parent) { }
@@ -177,26 +196,9 @@ void ComplexTask::setName(const QString &name)
         d->groupTask->setName(name + groupNameSuffix);
 }
 
-// The start is claimed before the group is touched, which another thread that loses would make fresh in the middle of
-// the run.
+// The group is prepared inside, when the start is claimed.
 void ComplexTask::exec()
 {
-    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
-    const TaskVisit visit(life);
-    std::optional<TaskStart> start;
-    if (!TaskStart::unusedOf(life.get())) {
-        const quint64 claim = life->claimStart(false);
-        if (claim == 0)
-            return;
-        start.emplace(life, claim);
-    }
-    d->beginRun();
-    if (!life->task())
-        return;
-    d->ensureGroupTask()->setWaitMode(waitMode());
-    if (!life->task())
-        return;
-    d->hasRun = true;
     Task::exec();
 }
 
@@ -204,8 +206,11 @@ void ComplexTask::cancel()
 {
     const std::shared_ptr<TaskLife> life = TaskLife::of(this);
     const TaskVisit visit(life);
-    if (d->groupTask)
-        d->groupTask->cancel();
+    if (const auto groupLife = d->groupLife()) {
+        const TaskVisit groupVisit(groupLife);
+        if (groupVisit.isInside())
+            static_cast<GroupTask *>(groupVisit.task())->cancel();
+    }
     if (life->task())
         BaseTask::cancel();
 }

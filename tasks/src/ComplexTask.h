@@ -76,6 +76,7 @@ protected:
 private:
     friend class CustomComplexTask;
     friend class GroupTask;
+    friend class Task;
     class Private;
     std::unique_ptr<Private> d;
 };

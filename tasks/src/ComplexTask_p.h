@@ -29,12 +29,15 @@ public:
     explicit Private(ComplexTask *task) : q(task) { }
 
     static Private *of(const ComplexTask *task) { return task->d.get(); }
+    /// Of the present group, for other threads; null when there is none.
+    std::shared_ptr<TaskLife> groupLife() const;
 
     void setupGroupTask(GroupTask *group);
     GroupTask *ensureGroupTask();
     void onGroupFinished(const GroupTask *group, quint64 use, quint64 run);
     void postGroupFinished(GroupTask *group);
-    void beginRun();
+    /// Inside exec(), when the run has begun from that state and nobody has heard of it.
+    void beginRun(BaseTask::State left);
     void connectSubtaskCallbacks(Task *task, std::function<void()> onSuccess, std::function<void()> onFailure);
     QList<Admitted> admit(const QList<Task *> &tasks);
     static void startDirectly(const QList<Admitted> &subtasks);
@@ -42,6 +45,8 @@ public:
 
     /// May have been deleted by others.
     QPointer<GroupTask> groupTask;
+    /// The same for other threads. Guarded by the mutex of the task's own.
+    std::shared_ptr<TaskLife> sharedGroup;
     ComplexTask *const q;
     /// That of the group; it stays when others delete that.
     std::shared_ptr<GroupNode> node;

@@ -67,7 +67,7 @@ void GroupChild::reportProgress(const std::shared_ptr<GroupChild> &child, int va
 void GroupChild::reportMissedEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error)
 {
     // One that runs again, begun by a handler, tells of that itself.
-    if (!child->life->task() || child->life->run() == run || child->life->state() == BaseTask::Idle)
+    if (!child->life->task() || child->life->endedRun() == run || child->life->state() == BaseTask::Idle)
         reportEnd(child, run, error);
 }
 

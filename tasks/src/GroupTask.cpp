@@ -244,11 +244,11 @@ void GroupTask::Private::awaitAgain(const Child &child)
     setPending(child, true);
 }
 
-GroupTask *GroupTask::Private::groupOf(BaseTask *task)
+std::shared_ptr<TaskLife> GroupTask::Private::groupOf(BaseTask *task)
 {
     if (const auto complexTask = qobject_cast<ComplexTask *>(task))
-        return complexTask->groupTask();
-    return qobject_cast<GroupTask *>(task);
+        return ComplexTask::Private::of(complexTask)->groupLife();
+    return qobject_cast<GroupTask *>(task) ? TaskLife::of(task) : nullptr;
 }
 
 std::shared_ptr<GroupNode> GroupTask::Private::nodeOf(BaseTask *task)
@@ -304,8 +304,8 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
         task, &BaseTask::finished, q,
         [child, task] {
             // Not where an earlier handler of finished() began another run, or set the task idle.
-            if (task->isFinished())
-                GroupChild::reportEnd(child, child->life->run(), task->error());
+            if (const quint64 run = child->life->endedRun())
+                GroupChild::reportEnd(child, run, task->error());
         },
         Qt::DirectConnection);
     child->progress = connect(
@@ -497,10 +497,14 @@ void GroupTask::Private::addQueues(const auto &stopped, TasksQueueHold &hold)
         const TaskVisit visit(child->life);
         if (const auto task = qobject_cast<Task *>(visit.task()))
             hold.add(task);
-        if (const GroupTask *group = groupOf(visit.task())) {
-            const GroupLocker locker(of(group)->mutex());
-            if (hold.addGroup(of(group)->node))
-                addQueues(of(group)->children, hold);
+        if (const auto groupLife = groupOf(visit.task())) {
+            const TaskVisit groupVisit(groupLife);
+            if (!groupVisit.isInside())
+                continue;
+            const Private *nested = of(groupVisit);
+            const GroupLocker locker(nested->mutex());
+            if (hold.addGroup(nested->node))
+                addQueues(nested->children, hold);
         }
     }
 }
@@ -509,11 +513,13 @@ void GroupTask::Private::addQueues(const auto &stopped, TasksQueueHold &hold)
 bool GroupTask::Private::stopQuietly(BaseTask *task)
 {
     const std::shared_ptr<TaskLife> life = TaskLife::of(task);
-    if (const GroupTask *group = groupOf(task)) {
-        Private *const nested = of(group);
-        GroupLocker::lockAndCall(nested->mutex(), [nested] {
-            nested->stop({nested->children.begin(), nested->children.end()}, FinishSubtasks);
-        });
+    if (const auto groupLife = groupOf(task)) {
+        const TaskVisit groupVisit(groupLife);
+        Private *const nested = groupVisit.isInside() ? of(groupVisit) : nullptr;
+        if (nested)
+            GroupLocker::lockAndCall(nested->mutex(), [nested] {
+                nested->stop({nested->children.begin(), nested->children.end()}, FinishSubtasks);
+            });
     }
     return life->task() && BaseTask::Private::of(task)->finishQuietly();
 }
@@ -538,10 +544,13 @@ void GroupTask::Private::dropStopped(const QList<Child> &stopped)
 
 GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this))
 {
-    connect(this, &BaseTask::stateChanged, this, [this](State state) {
-        if (previousState() == Finished && state != Finished)
-            ++d->link->use;
-    });
+    connect(
+        this, &BaseTask::stateChanged, this,
+        [this](State state) {
+            if (previousState() == Finished && state != Finished)
+                ++d->link->use;
+        },
+        Qt::DirectConnection);
 }
 
 GroupTask::~GroupTask()

@@ -36,7 +36,7 @@ public:
     /// Whether there is something to wait for since there were \a earlier admissions.
     bool hasAdmitted(quint64 earlier) const;
     /// The group that \a task is or has, null for other tasks.
-    static GroupTask *groupOf(BaseTask *task);
+    static std::shared_ptr<TaskLife> groupOf(BaseTask *task);
     static std::shared_ptr<GroupNode> nodeOf(BaseTask *task);
     /// Whether \a other contains \a node, directly or not, or is it.
     static bool isWithin(const std::shared_ptr<GroupNode> &node, const std::shared_ptr<GroupNode> &other);

@@ -1,6 +1,7 @@
 #include <zel/tasks/Task.h>
 
 #include "BaseTask_p.h"
+#include "ComplexTask_p.h"
 #include "Interleaving.h"
 #include "TaskStart.h"
 #include "Task_p.h"
@@ -9,7 +10,10 @@
 
 #include <QDeadlineTimer>
 
+#include <cxxabi.h>
+
 #include <exception>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <typeinfo>
@@ -124,6 +128,15 @@ void Task::Private::releaseQueueEntry(const TasksQueueShare *share)
     holderEntry = nullptr;
 }
 
+void Task::Private::restoreQueue()
+{
+    std::shared_ptr<TasksQueueShare> share = queueShare();
+    if (!share)
+        return;
+    const QMutexLocker locker(TaskLife::of(q)->mutex());
+    BaseTask::Private::of(q)->queue.swap(share);
+}
+
 bool Task::Private::leaveQueue()
 {
     const auto share = queueShare();
@@ -132,11 +145,11 @@ bool Task::Private::leaveQueue()
     return bool(share);
 }
 
-std::shared_ptr<TasksQueueShare> Task::Private::leaveRun(BaseTask *task)
+std::shared_ptr<TasksQueueShare> Task::Private::leaveRun(BaseTask *task, bool isReset)
 {
     const auto executable = qobject_cast<Task *>(task);
     const auto share = executable ? executable->d->queueShare() : nullptr;
-    return share && TasksQueue::Private::onTaskIdle(share, executable) ? share : nullptr;
+    return share && TasksQueue::Private::onTaskIdle(share, executable, isReset) ? share : nullptr;
 }
 
 Error Task::Private::unhandledException(const std::exception_ptr &exception)
@@ -172,17 +185,29 @@ QCoro::Task<> Task::Private::finishWith(std::shared_ptr<TaskLife> life, quint64 
     const TaskVisit visit(life);
     if (!visit.isInside() || !life->isIn(run))
         co_return;
-    TaskStart::setReturning(life.get());
-    visit.task()->finish(result);
+    TaskStart::setReturning(life.get(), true);
+    // What handlers throw, and work that starts in the place of this task, would be lost in the coroutine.
+    const NothingLeaves here;
+    try {
+        visit.task()->finish(result);
+    } catch (const abi::__forced_unwind &) {
+        throw;
+    } catch (...) {
+        static_cast<void>(unhandledException(std::current_exception()));
+    }
 }
 
 void Task::Private::execOnWorkingThread(quint64 run)
 {
-    q->deleteWorkingThread();
     const std::shared_ptr<TaskLife> life = TaskLife::of(q);
     bool isStarted = false;
     {
-        const QMutexLocker starting(&startMutex);
+        QMutexLocker starting(&startMutex);
+        while (hasThread()) {
+            starting.unlock();
+            q->deleteWorkingThread();
+            starting.relock();
+        }
         if (!life->isToWork(run))
             return;
         BaseTask::Private::of(q)->hadWorkingThread = true;
@@ -190,17 +215,16 @@ void Task::Private::execOnWorkingThread(quint64 run)
             interleavingPoint("work on a thread");
             return life->isToWork(run) ? task->doExec() : Error();
         });
-        // The thread object receives it, which no other thread destroys: the task may be destroyed by whoever waited.
         connect(
             thread, &QThread::finished, thread,
-            [life, ticket = lastTicket, run] { onThreadFinished(life, ticket, run); }, Qt::QueuedConnection);
+            [life, ticket = lastTicket, run] { postThreadFinished(life, ticket, run); }, Qt::DirectConnection);
         thread->start(QThread::InheritPriority);
         isStarted = thread->isRunning() || thread->isFinished();
     }
     interleavingPoint("thread started");
     if (isStarted || !life->isIn(run))
         return;
-    TaskStart::setReturning(life.get());
+    TaskStart::setReturning(life.get(), true);
     q->finish(Error(GeneralError, Task::tr("The working thread could not be started.")));
 }
 
@@ -248,6 +272,21 @@ Task::Private::WorkerThread *Task::Private::takeThread()
     return std::exchange(workingThread, nullptr);
 }
 
+// To the thread of the task, by a messenger: whoever has waited may destroy the task while its own event is handled.
+void Task::Private::postThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run)
+{
+    const TaskVisit visit(life);
+    if (!visit.isInside())
+        return;
+    auto *messenger = new QObject;
+    messenger->moveToThread(visit.task()->thread());
+    const auto deliver = [messenger, life, ticket, run] {
+        messenger->deleteLater();
+        onThreadFinished(life, ticket, run);
+    };
+    QMetaObject::invokeMethod(messenger, deliver, Qt::QueuedConnection);
+}
+
 void Task::Private::onThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run)
 {
     interleavingPoint("thread finished");
@@ -255,6 +294,9 @@ void Task::Private::onThreadFinished(const std::shared_ptr<TaskLife> &life, quin
     const auto task = static_cast<Task *>(visit.task());
     if (!task)
         return;
+    // It was moved meanwhile.
+    if (task->thread() != QThread::currentThread())
+        return postThreadFinished(life, ticket, run);
     std::optional<Error> result;
     {
         const QMutexLocker locker(&task->d->mutex);
@@ -268,6 +310,12 @@ void Task::Private::onThreadFinished(const std::shared_ptr<TaskLife> &life, quin
         task->finish(*result);
     else
         task->deleteWorkingThread();
+}
+
+bool Task::Private::hasThread() const
+{
+    const QMutexLocker locker(&mutex);
+    return workingThread;
 }
 
 bool Task::Private::isWorkingThread() const
@@ -443,6 +491,11 @@ void Task::exec()
         return;
     const TasksQueueAbsence absence(start ? start->share() : nullptr);
     const quint64 run = change->run;
+    TaskStart::setReturning(life.get(), false);
+    if (d->isComplex)
+        ComplexTask::Private::of(static_cast<ComplexTask *>(this))->beginRun(change->left);
+    if (!life->isIn(run))
+        return;
     BaseTask::Private::of(this)->announceRunning(*change);
     interleavingPoint("before the work");
     if (!life->isToWork(run))
@@ -463,7 +516,7 @@ void Task::exec()
         interleavingPoint("work returned");
         if (!life->isIn(run) || (!isSynchronous && !result.hasError()))
             break;
-        TaskStart::setReturning(life.get());
+        TaskStart::setReturning(life.get(), true);
         finish(result);
         break;
     }

@@ -96,6 +96,29 @@ std::optional<TaskLife::Change> TaskLife::change(State state, std::optional<quin
     return move(state, Plainly);
 }
 
+bool TaskLife::setCanceled(quint64 run)
+{
+    const QMutexLocker locker(&m_mutex);
+    if (!isIn(run))
+        return false;
+    task()->ErrorCancelable::setCanceled(true);
+    return true;
+}
+
+bool TaskLife::holdsStart(quint64 claim) const
+{
+    const QMutexLocker locker(&m_mutex);
+    return task() && m_claim == claim && m_run == m_claimedRun && m_state == BaseTask::Idle && !isEnding();
+}
+
+quint64 TaskLife::endedRun() const
+{
+    const QMutexLocker locker(&m_mutex);
+    if (m_state == BaseTask::Finished)
+        return m_run;
+    return m_state == BaseTask::Paused && m_pausedState == BaseTask::Finished ? m_endedRun : 0;
+}
+
 TaskLife::State TaskLife::pausedState() const
 {
     const QMutexLocker locker(&m_mutex);
@@ -106,13 +129,13 @@ TaskLife::State TaskLife::pausedState() const
 TaskLife::Change TaskLife::move(State state, How how)
 {
     const State left = m_state;
-    const bool isResumed = left == BaseTask::Paused && m_pausedState == state;
+    const bool isResumed = how == Plainly && left == BaseTask::Paused && m_pausedState == state;
     const bool begins = state == BaseTask::Running && (left == BaseTask::Idle || left == BaseTask::Finished);
-    const bool isReset = state == BaseTask::Idle && left != BaseTask::Idle;
+    const bool isReset = state == BaseTask::Idle && left != BaseTask::Idle && !isResumed;
     const bool isReached = state == BaseTask::Finished && left != BaseTask::Finished;
     // While finish() is at work, it says itself when the run is over.
     const bool isLeftToFinish = how == Plainly && isEnding();
-    const bool ends = isReached && !isResumed && !isLeftToFinish;
+    const bool ends = how != Plainly || (isReached && !isResumed && !isLeftToFinish);
     if (isResumed && state == BaseTask::Finished) {
         m_run = m_endedRun;
     } else if (begins || isReset || ends) {
@@ -241,10 +264,10 @@ void TaskLife::remove(TaskWatcher *watcher)
     (watcher->m_next ? watcher->m_next->m_previous : m_lastWatcher) = watcher->m_previous;
 }
 
-void TaskLife::notifyEnded(bool isAnnounced)
+void TaskLife::notifyEnded(const BaseTask *task, bool isAnnounced)
 {
     for (TaskWatcher *watcher = m_watchers; watcher; watcher = watcher->m_next)
-        watcher->onEnded(m_task, isAnnounced);
+        watcher->onEnded(task, isAnnounced);
 }
 
 void TaskLife::notifyDestroyed(const BaseTask *task, const Error &error)

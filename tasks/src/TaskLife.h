@@ -52,7 +52,7 @@ public:
     struct Change {
         State left;
         quint64 run;
-        bool isReset;    ///< to Idle, from another state
+        bool isReset;    ///< to Idle, from a run
         bool isQuietEnd; ///< to Finished, where no finish() announces it
     };
 
@@ -104,6 +104,12 @@ public:
     bool storeError(quint64 run, const Error &error);
     /// What nobody contests. Of \a expectedRun only, if one is given.
     std::optional<Change> change(State state, std::optional<quint64> expectedRun = {});
+    /// Sets the canceled status, unless the task is not in that run any more.
+    bool setCanceled(quint64 run);
+    /// Whether the start that was reserved can still be begun.
+    bool holdsStart(quint64 claim) const;
+    /// The number of the run that has ended, also when the task was paused since; 0 when another one has begun.
+    quint64 endedRun() const;
     /// What resume() goes back to.
     State pausedState() const;
 
@@ -127,7 +133,8 @@ public:
     // These are called with the mutex locked. A watcher is removed before it is destroyed.
     void add(TaskWatcher *watcher);
     void remove(TaskWatcher *watcher);
-    void notifyEnded(bool isAnnounced);
+    /// The task may be retired, and is whole while whoever ends it visits it.
+    void notifyEnded(const BaseTask *task, bool isAnnounced);
     void notifyDestroyed(const BaseTask *task, const Error &error);
     bool hasWatchers() const { return m_watchers; }
 

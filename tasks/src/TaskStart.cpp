@@ -9,6 +9,7 @@ namespace zel {
 namespace {
 
 thread_local TaskStart *innermostStart = nullptr;
+thread_local int nothingLeaves = 0;
 
 int nextDepth(const TasksQueueShare *share)
 {
@@ -53,13 +54,28 @@ const TaskStart *TaskStart::innermostOf(const TasksQueueShare *share)
     return start;
 }
 
-void TaskStart::setReturning(const TaskLife *life)
+void TaskStart::setReturning(const TaskLife *life, bool isReturning)
 {
     TaskStart *start = innermostStart;
     while (start && start->m_life.get() != life)
         start = start->m_outer;
     if (start)
-        start->m_isReturning = true;
+        start->m_isReturning = isReturning;
+}
+
+NothingLeaves::NothingLeaves()
+{
+    ++nothingLeaves;
+}
+
+NothingLeaves::~NothingLeaves()
+{
+    --nothingLeaves;
+}
+
+bool NothingLeaves::isSaid()
+{
+    return nothingLeaves > 0;
 }
 
 quint64 TaskStart::use()

@@ -27,7 +27,7 @@ public:
     static TaskStart *unusedOf(const TaskLife *life);
     static const TaskStart *innermostOf(const TasksQueueShare *share);
     /// The work of the task has returned, and exec() only ends it.
-    static void setReturning(const TaskLife *life);
+    static void setReturning(const TaskLife *life, bool isReturning);
 
     quint64 use();
     /// The queue that makes the start, null when nobody does.
@@ -47,6 +47,17 @@ private:
     bool m_isUsed = false;
     bool m_isReturning = false;
     TaskStart *const m_outer;
+};
+
+/// While it lives on this thread's stack, an exception of work that a queue starts becomes the error of its task: it
+/// would reach nobody.
+class NothingLeaves {
+public:
+    NothingLeaves();
+    ~NothingLeaves();
+    Q_DISABLE_COPY_MOVE(NothingLeaves)
+
+    static bool isSaid();
 };
 
 } // namespace zel

@@ -46,10 +46,12 @@ public:
         return knownHolder == share ? holderEntry : nullptr;
     }
 
+    /// Makes the queue that holds the task its queue(), which another one was about to take it from.
+    void restoreQueue();
     /// Has the queue that holds the task forget it, which is being destroyed. Returns whether there was one.
     bool leaveQueue();
     /// Tells the queue that holds \a task, if there is one, that it is idle again. Returns whom a dispatch is owed.
-    static std::shared_ptr<TasksQueueShare> leaveRun(BaseTask *task);
+    static std::shared_ptr<TasksQueueShare> leaveRun(BaseTask *task, bool isReset);
 
     /// Logs an exception of whatever type, and makes it an outcome.
     static Error unhandledException(const std::exception_ptr &exception);
@@ -63,7 +65,9 @@ public:
     bool isAdmitted(quint64 ticket) const;
     void revokeTicket();
     WorkerThread *takeThread();
+    bool hasThread() const;
     bool isWorkingThread() const;
+    static void postThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run);
     static void onThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run);
     bool request(QThread *thread, void (*ask)(QThread *thread)) const;
     bool stop(QThread *thread) const;
@@ -76,6 +80,8 @@ public:
     std::atomic<bool> triggersNext{true};
     std::atomic<int> priority{1};
     std::atomic<bool> countAsRunning{true};
+    /// A ComplexTask, whose group begins with it.
+    bool isComplex = false;
     /// Held while a thread is made and started: who takes it away waits for that.
     QMutex startMutex;
     /// Guards what follows.

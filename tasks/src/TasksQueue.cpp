@@ -141,9 +141,13 @@ void TasksQueue::Private::changeState(State newState, Condition isMeant)
         if (state == newState || !isMeant())
             return;
         state = newState;
-        if (m_announcer && m_announcer != QThread::currentThreadId()) {
+        // Earlier changes of other threads come first.
+        if ((m_announcer && m_announcer != QThread::currentThreadId()) || !m_announcements.empty()) {
             m_announcements.push_back(newState);
-            return;
+            if (m_announcer != QThread::currentThreadId())
+                return;
+            newState = m_announcements.front();
+            m_announcements.pop_front();
         }
     }
     announce(newState);
@@ -155,27 +159,28 @@ void TasksQueue::Private::announce(State announced)
     TasksQueue *const queue = q;
     Lock locker(&shared->mutex);
     const bool isOutermost = !std::exchange(m_announcer, QThread::currentThreadId());
+    bool isReleased = false;
     const auto released = qScopeGuard([&] {
-        if (isOutermost && shared->queue()) {
-            locker.relock();
+        if (!isOutermost || isReleased)
+            return;
+        // A handler threw.
+        const Lock again(&shared->mutex);
+        if (shared->queue())
             m_announcer = nullptr;
-            locker.unlock();
-        }
     });
-    locker.unlock();
-    interleavingPoint("queue state changed");
-    Q_EMIT queue->stateChanged(announced);
-    while (isOutermost && shared->queue()) {
+    for (;;) {
+        locker.unlock();
+        interleavingPoint("queue state changed");
+        Q_EMIT queue->stateChanged(announced);
         locker.relock();
-        if (m_announcements.empty()) {
-            m_announcer = nullptr;
-            locker.unlock();
+        isReleased = !shared->queue() || m_announcements.empty();
+        if (isReleased) {
+            if (isOutermost && shared->queue())
+                m_announcer = nullptr;
             return;
         }
-        const State next = m_announcements.front();
+        announced = m_announcements.front();
         m_announcements.pop_front();
-        locker.unlock();
-        Q_EMIT queue->stateChanged(next);
     }
 }
 
@@ -201,7 +206,15 @@ bool TasksQueue::Private::startPending(quint64 &servedRequests)
             }
             if (leavesStartToOthers())
                 return false;
-            Task *task = queue->dequeueTask();
+            Task *task = nullptr;
+            {
+                const auto kept = qScopeGuard([&] {
+                    const Lock locker(&shared->mutex);
+                    if (!task && shared->queue())
+                        letGo(hand);
+                });
+                task = queue->dequeueTask();
+            }
             interleavingPoint("dequeued");
             if (!shared->queue())
                 return false;
@@ -219,8 +232,7 @@ bool TasksQueue::Private::startPending(quint64 &servedRequests)
             } catch (const abi::__forced_unwind &) {
                 throw;
             } catch (...) {
-                if (Destruction::of(shared.get())) {
-                    // Nothing may leave a destructor.
+                if (NothingLeaves::isSaid()) {
                     const Error error = Task::Private::unhandledException(std::current_exception());
                     if (hand.visit->task())
                         task->finish(error);
@@ -252,10 +264,9 @@ bool TasksQueue::Private::leavesStartToOthers() const
         return false;
     if (q->isEmpty())
         return false;
-    if (!start->isReturning()) {
-        const Lock locker(&share->mutex);
-        share->postDispatch();
-    }
+    // For whoever waits before the loop below goes on.
+    const Lock locker(&share->mutex);
+    share->postDispatch();
     return true;
 }
 
@@ -266,27 +277,44 @@ bool TasksQueue::Private::take(TasksQueueHand &hand, Task *task)
     const Lock locker(&share->mutex);
     if (!share->queue())
         return false;
-    if (hand.entry && hand.task != task) {
-        hand.life->releaseStart(hand.claim);
-        hand.entry = nullptr;
-    }
+    if (hand.task != task)
+        letGo(hand);
     if (!hand.entry) {
         Entry *entry = ensureEntry(task);
         if (!entry)
             return false;
-        if (!task->isIdle() || !hand.take(entry)) {
-            forget(entry);
+        // Not one that a subclass gives although it runs here already.
+        if (entry->place == Entry::Running || !task->isIdle() || !hand.take(entry)) {
+            if (entry->place != Entry::Running)
+                forget(entry);
             return false;
         }
     }
     if (hand.entry->stay != hand.stay || hand.entry->place == Entry::Leaving)
         return false;
+    if (!hand.life->holdsStart(hand.claim)) {
+        // Started or ended by hand meanwhile: passed over until it is idle again.
+        hand.life->releaseStart(hand.claim);
+        move(hand.entry, Entry::Parked, parked, parked.end());
+        return false;
+    }
     move(hand.entry, Entry::Running, running, running.end());
     setCounted(hand.entry, task->countAsRunning());
     // Its work may wait, in an event loop, for those behind it.
     if (pendingCount > 0 && countedRunning < maxRunning && thread() == QThread::currentThread())
         share->postDispatch();
     return true;
+}
+
+// Called with the lock held: a subclass's dequeueTask() has kept what it got from the base.
+void TasksQueue::Private::letGo(TasksQueueHand &hand)
+{
+    Entry *entry = std::exchange(hand.entry, nullptr);
+    if (!entry)
+        return;
+    hand.life->releaseStart(hand.claim);
+    if (entry->stay == hand.stay && entry->place == Entry::Claimed)
+        takeOut(entry);
 }
 
 // The work threw: its slot is free.
@@ -358,6 +386,8 @@ bool TasksQueue::Private::insert(Task *task, EnqueueMode mode)
         return false;
     const int priority = task->priority();
     Entries &level = ready[priority];
+    if (entry->claim != 0)
+        TaskLife::of(task)->releaseStart(std::exchange(entry->claim, 0));
     move(entry, Entry::Ready, level, mode == Prepend ? level.begin() : level.end());
     entry->priority = priority;
     entry->order = mode == Prepend ? --firstOrder : ++lastOrder;
@@ -601,7 +631,12 @@ void TasksQueue::Private::onTaskDestroyed(const Share &share, Task *task)
     }
     TasksQueue *const queue = share->queue();
     const Destruction destruction(share.get(), queue->d->thread() != QThread::currentThread());
+    const NothingLeaves here;
     queue->onTaskDestroyed(task);
+    // What a subclass has left.
+    const Lock locker(&share->mutex);
+    if (share->queue())
+        queue->d->forget(queue->d->entryOf(task));
 }
 
 // By a posted call; in the order of the handlers, which other types keep, it is a connection.
@@ -618,7 +653,7 @@ void TasksQueue::Private::onTaskPriorityChanged(const Share &share, const Task *
 
 // The run that the queue started is over, and the slot free, without the task's being touched; or a task that was
 // passed over gets its place back.
-bool TasksQueue::Private::onTaskIdle(const Share &share, const Task *task)
+bool TasksQueue::Private::onTaskIdle(const Share &share, const Task *task, bool isReset)
 {
     const Lock locker(&share->mutex);
     if (!share->queue())
@@ -631,7 +666,7 @@ bool TasksQueue::Private::onTaskIdle(const Share &share, const Task *task)
         share->postDispatch();
         return false;
     }
-    if (!entry || entry->place != Entry::Running)
+    if (!entry || !isReset || (entry->place != Entry::Running && entry->place != Entry::Claimed))
         return false;
     const bool isDirect = entry->connectionType == Qt::DirectConnection;
     queue->forget(entry);
@@ -714,7 +749,8 @@ TasksQueue::~TasksQueue()
 {
     d->share->close([this] { d->forgetEverything(); });
     // A queue that was moved leaves its private part, which reacts to the tasks, where it was made.
-    if (d->thread() != QThread::currentThread())
+    const QThread *reacting = d->thread();
+    if (reacting && reacting != QThread::currentThread() && !reacting->isFinished())
         d.release()->deleteLater();
 }
 
@@ -1054,6 +1090,8 @@ void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
         qCWarning(tasksLog) << "Task" << task->name() << "already in queue";
     else if (outcome == IsRefused)
         qCWarning(tasksLog) << "Invalid priority" << priority << "of task" << task->name();
+    else if (outcome == IsElsewhere)
+        task->d->restoreQueue();
     else if (outcome == Inserted)
         qCInfo(tasksLog) << "Task" << task->name() << "appended, queue.count=" << pendingTasksCount();
 }
@@ -1100,7 +1138,8 @@ void TasksQueue::onTaskFinished(Task *task)
     {
         const Lock locker(&share->mutex);
         entry = d->entryOf(task);
-        if (!entry || !task->isFinished())
+        // Also when it was paused since; not when another run has begun.
+        if (!entry || TaskLife::of(task)->endedRun() == 0)
             return;
         stay = entry->stay;
         clears = task->hasError() && d->errorPolicy == ClearOnError;

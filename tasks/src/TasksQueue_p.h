@@ -121,7 +121,7 @@ public:
     static void onTaskDestroyed(const Share &share, Task *task);
     static void onTaskPriorityChanged(const Share &share, const Task *task);
     /// The task is idle again. Returns whether a dispatch is owed.
-    static bool onTaskIdle(const Share &share, const Task *task);
+    static bool onTaskIdle(const Share &share, const Task *task, bool isReset);
     static void recount(const Share &share, const Task *task);
 
     // These are called with the lock held, and with tasks that are not past aboutToDestroy().
@@ -179,6 +179,7 @@ private:
     void announce(State announced);
     bool leavesStartToOthers() const;
     bool take(TasksQueueHand &hand, Task *task);
+    void letGo(TasksQueueHand &hand);
     void abandonStart(const TasksQueueHand &hand);
     static void readd(const Share &share, const Entry *entry, quint64 stay);
 
