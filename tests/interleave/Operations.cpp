@@ -56,14 +56,27 @@ void withHomeGroup(World &world, auto &&call)
         call(group.get());
 }
 
+// Mostly once; or for as long as it takes that another thread writes meanwhile.
+void repeat(auto &&call)
+{
+    for (int count = random(2) ? 1 : 100; count > 0; --count)
+        call();
+}
+
 void readTask(World &world)
 {
-    withTask(world, [](Task *task) {
+    const auto read = [](Task *task) {
         const QString text = task->stateString() + task->progressText() + task->error().text();
         const QVariant result = task->variantResult();
         static_cast<void>(text.size() + result.toString().size() + task->currentProgress() + task->totalProgress());
         static_cast<void>(task->isCanceled() || task->hasError() || task->previousState() == BaseTask::Idle);
-    });
+    };
+    withTask(world, [&](Task *task) { repeat([&] { read(task); }); });
+}
+
+void writeTask(World &world, auto &&write)
+{
+    withTask(world, [&](Task *task) { repeat([&] { write(task); }); });
 }
 
 // Not one that runs: that would have it work again. Another thread may be faster.
@@ -259,9 +272,9 @@ const std::vector<Operation> allOperations{
     {"task.setProgress", Anywhere,
      [](World &world) { withTask(world, [](Task *task) { task->setProgress(random(10), random(10)); }); }},
     {"task.setProgressText", Anywhere,
-     [](World &world) { withTask(world, [](Task *task) { task->setProgressText(QString::number(random(99))); }); }},
+     [](World &world) { writeTask(world, [](Task *task) { task->setProgressText(QString::number(random(99))); }); }},
     {"task.setVariantResult", Anywhere,
-     [](World &world) { withTask(world, [](Task *task) { task->setVariantResult(QString::number(random(99))); }); }},
+     [](World &world) { writeTask(world, [](Task *task) { task->setVariantResult(QString::number(random(99))); }); }},
     {"task.setPriority", Anywhere,
      [](World &world) { withTask(world, [](Task *task) { task->setPriority(random(8)); }); }},
     {"task.setCountAsRunning", Starting, setCountAsRunning},
