@@ -117,13 +117,13 @@ LimitedQueue::LimitedQueue(World *world, int limit) : m_world(world), m_limit(li
 
 void LimitedQueue::exec(Task *task)
 {
-    m_world->checkLimit(m_number, task, m_limit);
+    m_world->checkLimit(this, m_number, task, m_limit);
     TasksQueue::exec(task);
 }
 
 // Tasks that were all running at one time, while the new one had its slot: a task that was seen twice in the same run
 // was running between.
-void World::checkLimit(int queueNumber, const Task *started, int limit)
+void World::checkLimit(const TasksQueue *queue, int queueNumber, const Task *started, int limit)
 {
     std::vector<std::pair<const Watch *, int>> running;
     std::vector<TaskUse> uses;
@@ -136,7 +136,7 @@ void World::checkLimit(int queueNumber, const Task *started, int limit)
         if (task.get() == started)
             own = watch.get();
         else if (watch->starter == queueNumber && watch->handExecs == 0 && !watch->isOdd && task->isRunning()
-                 && task->countAsRunning())
+                 && task->queue() == queue && task->countAsRunning())
             running.emplace_back(watch.get(), watch->ends + watch->idles);
         if (task.get() == started || task->isRunning())
             uses.push_back(std::move(task));

@@ -131,7 +131,7 @@ public:
     void react();
     void react(zel::GroupTask *group);
     void enter();
-    void checkLimit(int queueNumber, const zel::Task *started, int limit);
+    void checkLimit(const zel::TasksQueue *queue, int queueNumber, const zel::Task *started, int limit);
     [[noreturn]] void fail(const char *what);
 
     std::vector<Place<zel::Task>> tasks;
