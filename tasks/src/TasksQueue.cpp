@@ -373,6 +373,14 @@ TasksQueue::Private::Entry *TasksQueue::Private::ensureEntry(Task *task)
     return entry;
 }
 
+// Or running. A subclass may put back what its dequeueTask() is given.
+bool TasksQueue::Private::isBeingStarted(const Entry *entry) const
+{
+    if (entry->place == Entry::Claimed)
+        return !innermostHand || innermostHand->entry != entry;
+    return entry->place == Entry::Running && !TaskLife::of(entry->task)->isFree();
+}
+
 bool TasksQueue::Private::isPending(const Task *task) const
 {
     const Entry *entry = entryOf(task);
@@ -1065,6 +1073,9 @@ void TasksQueue::enqueueTask(Task *task, EnqueueMode mode)
         Private::Entry *entry = d->entryOf(task);
         if (d->isPending(task))
             outcome = IsPending;
+        // Started on another thread since the caller has looked whether it may be added.
+        else if (entry && d->isBeingStarted(entry))
+            outcome = IsElsewhere;
         // Its clear() is about to end it, or has taken it out for the handler that adds it.
         else if (entry && entry->place == Private::Entry::Leaving
                  && (entry->clearing->endsTasks || entry->clearing->thread == QThread::currentThreadId()))

@@ -129,6 +129,7 @@ public:
     /// Null when another queue has taken the task.
     Entry *ensureEntry(Task *task);
     bool isPending(const Task *task) const;
+    bool isBeingStarted(const Entry *entry) const;
     bool insert(Task *task, EnqueueMode mode);
     /// Into \a hand, if there is one.
     Task *takeNextIdle(TasksQueueHand *hand);
