@@ -238,8 +238,11 @@ $RUN cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$PREFIX" -DCMAKE_CXX
 $RUN cmake --build "$work/build" >> "$work/log" || { cat "$work/log" >&2; die "the proof did not build"; }
 [[ $(ldd "$work/build/locked") == *"$PREFIX/lib/libQt6Core.so.6"* ]] || die "the proof uses another Qt"
 $RUN "$work/build/locked" || die "a program without a race was reported"
-if $RUN "$work/build/racing" > "$work/log" 2>&1; then
-    die "a race was not reported"
-fi
+# Now and then a busy machine runs one thread after the other.
+isReported=
+for _ in $(seq 20); do
+    $RUN "$work/build/racing" > "$work/log" 2>&1 || { isReported=1; break; }
+done
+[ -n "$isReported" ] || die "a race was not reported"
 
 say "in $PREFIX: now ${RUN:+$RUN }cmake --preset tsan && cmake --build --preset tsan && ${RUN:+$RUN }ctest --preset tsan"

@@ -492,10 +492,11 @@ void Task::exec()
     const TasksQueueAbsence absence(start ? start->share() : nullptr);
     const quint64 run = change->run;
     TaskStart::setReturning(life.get(), false);
-    if (d->isComplex)
+    if (d->isComplex) {
         ComplexTask::Private::of(static_cast<ComplexTask *>(this))->beginRun(change->left);
-    if (!life->isIn(run))
-        return;
+        if (!life->isIn(run))
+            return;
+    }
     BaseTask::Private::of(this)->announceRunning(*change);
     interleavingPoint("before the work");
     if (!life->isToWork(run))

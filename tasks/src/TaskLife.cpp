@@ -136,6 +136,9 @@ TaskLife::Change TaskLife::move(State state, How how)
     // While finish() is at work, it says itself when the run is over.
     const bool isLeftToFinish = how == Plainly && isEnding();
     const bool ends = how != Plainly || (isReached && !isResumed && !isLeftToFinish);
+    // What belongs to the end before, or to one that is abandoned here.
+    if ((begins || isReset) && (left == BaseTask::Finished || isEnding()) && task())
+        task()->ErrorCancelable::setCanceled(false);
     if (isResumed && state == BaseTask::Finished) {
         m_run = m_endedRun;
     } else if (begins || isReset || ends) {
@@ -146,8 +149,6 @@ TaskLife::Change TaskLife::move(State state, How how)
         m_endedRun = m_run;
         m_run = ++m_lastNumber;
     }
-    if (left == BaseTask::Finished && (begins || isReset) && task())
-        task()->ErrorCancelable::setCanceled(false);
     if (state == BaseTask::Paused && left != BaseTask::Paused)
         m_pausedState = left;
     m_previousState = left;

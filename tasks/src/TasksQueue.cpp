@@ -588,6 +588,7 @@ bool TasksQueue::Private::endCleared(Entries &entries, ClearPolicy policy, const
                 return true;
             task = entries.front().task;
             visit.emplace(TaskLife::of(task));
+            clearingOfThisThread()->treated = task;
             forget(&entries.front());
         }
         interleavingPoint("end cleared");
@@ -1219,6 +1220,10 @@ void TasksQueue::removeRunningTask(Task *task)
     {
         const Lock locker(&d->share->mutex);
         Private::Entry *entry = d->entryOf(task);
+        // What clear() has let go of may be here again, appended on another thread.
+        TasksQueueClearing *clearing = d->clearingOfThisThread();
+        if (clearing && std::exchange(clearing->treated, nullptr) == task)
+            entry = nullptr;
         if (entry && entry->place == Private::Entry::Running)
             d->forget(entry);
         else if (entry && entry->isFollowed)

@@ -70,6 +70,8 @@ struct TasksQueueClearing {
     bool endsTasks;
     bool isTreatingPending = true;
     int added = 0; ///< by handlers while pending ones are treated
+    /// The one that was let go of, until clearTask() has come to it.
+    const Task *treated = nullptr;
 };
 
 /// What a dispatch has taken out and is about to start, on the stack of the thread that makes it.

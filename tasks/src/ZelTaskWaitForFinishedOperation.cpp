@@ -35,6 +35,9 @@ public:
 private:
     void disconnectTask(const QMetaObject::Connection &connection) const;
     void postResume(QObject *context, int turns);
+    void resumeIn(QThread *thread);
+    void awaitHandover();
+    void onHandedOver();
 
     // Guarded by the mutex of the life.
     std::coroutine_handle<> m_awaiting;
@@ -44,6 +47,9 @@ private:
     /// The number of the task's run while it stays ended; none once the task is gone.
     std::optional<quint64> m_endedRun;
     QMetaObject::Connection m_connection;
+    bool m_isHandedOver = true;
+    /// Was to be resumed before it was handed over.
+    bool m_isDue = false;
 };
 
 void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awaitingCoroutine)
@@ -54,6 +60,8 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
     const zel::TaskVisit visit(life);
     const BaseTask *awaited = visit.task();
     QMetaObject::Connection connection;
+    if (awaited && awaited->thread() != QThread::currentThread())
+        awaitHandover();
     if (awaited) {
         connection = QObject::connect(
             awaited, &BaseTask::finished, BaseTask::Private::of(awaited),
@@ -105,8 +113,56 @@ void ZelTaskWaitForFinishedOperation::Record::disconnectTask(const QMetaObject::
 
 void ZelTaskWaitForFinishedOperation::Record::resume()
 {
+    {
+        const QMutexLocker locker(life->mutex());
+        m_isDue = !m_isHandedOver && m_awaitingThread != QThread::currentThread();
+        if (m_isDue)
+            return;
+    }
     if (const auto awaiting = detach())
         awaiting.resume();
+}
+
+// Coroutines are passed from caller to caller without any lock. One that goes on in another thread waits until the
+// thread that it comes from is through with that: back in its event loop, or finished.
+void ZelTaskWaitForFinishedOperation::Record::awaitHandover()
+{
+    m_isHandedOver = false;
+    auto *courier = new QObject;
+    const auto deliver = [courier, weak = weak_from_this()] {
+        courier->deleteLater();
+        if (const auto record = weak.lock())
+            record->onHandedOver();
+    };
+    QObject::connect(QThread::currentThread(), &QThread::finished, courier, deliver, Qt::DirectConnection);
+    QMetaObject::invokeMethod(courier, deliver, Qt::QueuedConnection);
+}
+
+void ZelTaskWaitForFinishedOperation::Record::onHandedOver()
+{
+    {
+        const QMutexLocker locker(life->mutex());
+        m_isHandedOver = true;
+        if (!std::exchange(m_isDue, false))
+            return;
+    }
+    const zel::TaskVisit visit(life);
+    resumeIn(visit.isInside() ? visit.task()->thread() : nullptr);
+}
+
+// In that of the awaiting coroutine, if there is none.
+void ZelTaskWaitForFinishedOperation::Record::resumeIn(QThread *thread)
+{
+    if ((!thread || thread->isFinished()) && m_awaitingThread)
+        thread = m_awaitingThread;
+    auto *courier = new QObject;
+    courier->moveToThread(thread);
+    const auto deliver = [courier, weak = weak_from_this()] {
+        courier->deleteLater();
+        if (const auto record = weak.lock())
+            record->resume();
+    };
+    QMetaObject::invokeMethod(courier, deliver, Qt::QueuedConnection);
 }
 
 zel::Error ZelTaskWaitForFinishedOperation::Record::result() const
@@ -138,17 +194,7 @@ void ZelTaskWaitForFinishedOperation::Record::onDestroyed(const zel::BaseTask *a
     m_endedRun.reset();
     if (!m_outcome)
         m_outcome = error;
-    QThread *thread = awaited ? awaited->thread() : nullptr;
-    if ((!thread || thread->isFinished()) && m_awaitingThread)
-        thread = m_awaitingThread;
-    auto *courier = new QObject;
-    courier->moveToThread(thread);
-    const auto deliver = [courier, weak = weak_from_this()] {
-        courier->deleteLater();
-        if (const auto record = weak.lock())
-            record->resume();
-    };
-    QMetaObject::invokeMethod(courier, deliver, Qt::QueuedConnection);
+    resumeIn(awaited ? awaited->thread() : nullptr);
 }
 
 void ZelTaskWaitForFinishedOperation::Record::postResume(QObject *context, int turns)

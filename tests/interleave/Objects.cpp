@@ -21,6 +21,13 @@ public:
         stopWorkingThread();
     }
 
+    // Another thread may end the run before anybody has heard of it: a handler would not count it.
+    void exec() override
+    {
+        m_watch->restarts += int(isFinished());
+        CustomComplexTask::exec();
+    }
+
 protected:
     Error doExecSubtasks() override
     {
@@ -91,7 +98,8 @@ void Watch::follow(const BaseTask *task, const std::shared_ptr<Watch> &self)
         [self, task](BaseTask::State state) {
             // Another thread may have ended the run already: better one too many.
             const BaseTask::State left = task->previousState();
-            self->restarts += int(state == BaseTask::Running && left != BaseTask::Idle && left != BaseTask::Paused);
+            self->restarts += int(self->kind != Watch::Complex && state == BaseTask::Running && left != BaseTask::Idle
+                                  && left != BaseTask::Paused);
             self->idles += int(state == BaseTask::Idle);
             self->ends += int(state == BaseTask::Finished);
         },
@@ -209,7 +217,9 @@ void World::putQueue(Place<TasksQueue> *place)
     auto *queue = random(3) == 0 ? new LimitedQueue(this, limit) : new TasksQueue;
     queue->setMaxRunningTasksCount(limit);
     queue->setConnectionType(random(2) ? Qt::DirectConnection : Qt::QueuedConnection);
-    reactTo(queue, &TasksQueue::stateChanged);
+    // It may be destroyed on any thread, and nothing of ours may be posted to it then.
+    QObject::connect(
+        queue, &TasksQueue::stateChanged, queue, [this] { react(); }, Qt::DirectConnection);
     place->put(queue);
 }
 

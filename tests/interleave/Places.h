@@ -141,7 +141,7 @@ struct Watch {
     std::atomic<int> works = 0;      ///< calls of its work
     std::atomic<int> handExecs = 0;  ///< calls of exec() other than by queues
     std::atomic<int> starts = 0;     ///< started()
-    std::atomic<int> restarts = 0;   ///< stateChanged(Running), after an end
+    std::atomic<int> restarts = 0;   ///< runs that began after an end
     std::atomic<int> idles = 0;      ///< stateChanged(Idle)
     std::atomic<int> pauses = 0;     ///< paused()
     std::atomic<int> ends = 0;       ///< stateChanged(Finished)
