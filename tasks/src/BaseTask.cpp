@@ -14,6 +14,7 @@
 #include <QMetaEnum>
 #include <QScopeGuard>
 #include <QSet>
+#include <QThread>
 
 #include <utility>
 
@@ -128,16 +129,16 @@ std::shared_ptr<TasksQueueShare> BaseTask::Private::queueShare() const
 
 // The one way in which a run ends with finished(). A handler may delete the task, or set it idle or running again: what
 // follows belongs to this run.
-void BaseTask::Private::finish(Error error, bool isCancel)
+void BaseTask::Private::endRun(Error error, std::optional<quint64> meantRun, bool isCancel)
 {
-    const std::shared_ptr<TaskLife> shared = life;
     BaseTask *const task = q;
-    TaskVisit visit(shared);
-    const quint64 run = visit.isInside() ? shared->claimEnd() : 0;
+    TaskVisit visit(life);
+    const std::shared_ptr<TaskLife> &shared = visit.life();
+    const quint64 run = visit.isInside() ? shared->claimEnd(meantRun) : 0;
     if (run == 0)
         return;
     visit.setEndedRun(run);
-    const auto abandoned = qScopeGuard([&shared, run] { shared->releaseEnd(run); });
+    auto abandoned = qScopeGuard([&shared, run] { shared->releaseEnd(run); });
     const auto goesOn = [&shared, run] { return shared->isIn(run); };
 
     if (isCancel)
@@ -168,14 +169,15 @@ void BaseTask::Private::finish(Error error, bool isCancel)
         return;
     qCDebug(tasksLog) << "Task" << task->name() << "finished.";
     // The outcome is taken before any handler can destroy the task.
-    const Error outcome = task->error();
-    const std::vector<std::shared_ptr<GroupChild>> followers = shared->followers();
+    const TaskLife::Followers followers = shared->followers();
+    const Error outcome = followers.isEmpty() ? Error() : task->error();
     const auto change = shared->complete(run, true);
     if (!change)
         return;
+    abandoned.dismiss();
     const quint64 over = change->run;
     const auto isOver = [&shared, over] { return shared->isIn(over); };
-    announceState(*change, Finished);
+    announceState(shared, *change, Finished);
     if (isOver())
         announceFinished();
     if (isOver())
@@ -189,9 +191,9 @@ void BaseTask::Private::finish(Error error, bool isCancel)
 
 bool BaseTask::Private::finishQuietly()
 {
-    const std::shared_ptr<TaskLife> shared = life;
     BaseTask *const task = q;
-    TaskVisit visit(shared);
+    TaskVisit visit(life);
+    const std::shared_ptr<TaskLife> &shared = visit.life();
     const quint64 run = visit.isInside() ? shared->claimEnd() : 0;
     if (run == 0)
         return false;
@@ -201,20 +203,24 @@ bool BaseTask::Private::finishQuietly()
     const auto change = shared->complete(run, false);
     if (!change)
         return false;
-    announceState(*change, Finished);
+    announceState(shared, *change, Finished);
     return true;
 }
 
 void BaseTask::Private::changeState(State state, std::optional<quint64> expectedRun)
 {
-    const std::shared_ptr<TaskLife> shared = life;
+    changeState(TaskVisit(life), state, expectedRun);
+}
+
+void BaseTask::Private::changeState(const TaskVisit &visit, State state, std::optional<quint64> expectedRun)
+{
     BaseTask *const task = q;
-    const TaskVisit visit(shared);
+    const std::shared_ptr<TaskLife> &shared = visit.life();
     const auto change = shared->change(state, expectedRun);
     if (!change)
         return;
     if (state != Idle || change->left == Idle) {
-        announceState(*change, state);
+        announceState(shared, *change, state);
         return;
     }
     // Queue and groups are told by a call: idle again, the task may be started, and its run is over for them.
@@ -222,7 +228,7 @@ void BaseTask::Private::changeState(State state, std::optional<quint64> expected
     const std::shared_ptr<TasksQueueShare> dispatching = Task::Private::leaveRun(task, change->isReset);
     for (const auto &child : followers)
         GroupChild::noteIdle(child);
-    announceState(*change, state);
+    announceState(shared, *change, state);
     // What had finished is told of by its end.
     for (const auto &child : followers) {
         if (change->isReset && change->left != Finished)
@@ -233,9 +239,9 @@ void BaseTask::Private::changeState(State state, std::optional<quint64> expected
 }
 
 // Called after the change; the task may be gone when it returns.
-void BaseTask::Private::announceState(const TaskLife::Change &change, State state)
+void BaseTask::Private::announceState(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change,
+                                      State state)
 {
-    const std::shared_ptr<TaskLife> shared = life;
     BaseTask *const task = q;
     interleavingPoint("state changed");
     qCInfo(tasksLog) << "Task" << task->name() << ":" << stateKey(change.left) << "=>" << task->stateString();
@@ -245,11 +251,10 @@ void BaseTask::Private::announceState(const TaskLife::Change &change, State stat
 }
 
 // A handler may end the run, or pause the task, which then was not started.
-void BaseTask::Private::announceRunning(const TaskLife::Change &change)
+void BaseTask::Private::announceRunning(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change)
 {
-    const std::shared_ptr<TaskLife> shared = life;
     BaseTask *const task = q;
-    announceState(change, Running);
+    announceState(shared, change, Running);
     if (!shared->isIn(change.run))
         return;
     const State left = shared->previousState();
@@ -259,25 +264,22 @@ void BaseTask::Private::announceRunning(const TaskLife::Change &change)
         Q_EMIT task->restarted();
 }
 
-BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this))
-{
-    // What guarded pointers share is made here, because Qt makes it unsynchronised when two threads make the first
-    // ones.
-    const QPointer<BaseTask> guard(this);
-}
+BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this)) { }
 
 BaseTask::~BaseTask()
 {
     qCDebug(tasksLog) << "Deleting" << name();
     d->life->retire();
-    d->life->waitForVisitors(name());
+    d->life->waitForVisitors(this);
     d->life->setDestroyed();
     if (d->life->hasWatchers()) {
         const Error error = Private::destroyedError();
         const QMutexLocker locker(d->life->mutex());
         d->life->notifyDestroyed(this, error);
     }
-    QCoreApplication::removePostedEvents(d.get());
+    // On its own thread nothing is delivered meanwhile.
+    if (thread() != QThread::currentThread())
+        QCoreApplication::removePostedEvents(d.get());
     // Deleted with the other children: by itself it would send an event to its parent, through the thread of that.
     static_cast<void>(d.release());
 }
@@ -442,7 +444,7 @@ void BaseTask::pause()
     if (!life->isIn(run) || life->state() != left)
         return;
     if (const auto change = life->change(Paused, run))
-        d->announceState(*change, Paused);
+        d->announceState(life, *change, Paused);
 }
 
 void BaseTask::resume()
@@ -460,11 +462,11 @@ void BaseTask::resume()
 
 void BaseTask::finalize()
 {
-    const std::shared_ptr<TaskLife> life = d->life;
+    const TaskVisit visit(d->life);
     qCDebug(tasksLog) << "Task" << name() << "=> Finalizing";
     // finish() means the run that it ends, which may be over by now.
-    d->changeState(Finalizing, TaskVisit::runBeingEnded(life.get()));
-    if (life->task())
+    d->changeState(visit, Finalizing, TaskVisit::runBeingEnded(visit.life().get()));
+    if (visit.life()->task())
         Q_EMIT finalizing();
 }
 
@@ -480,8 +482,9 @@ void BaseTask::setIdle()
 
 void BaseTask::setRunning()
 {
-    if (const auto change = d->life->change(Running))
-        d->announceRunning(*change);
+    const std::shared_ptr<TaskLife> life = d->life;
+    if (const auto change = life->change(Running))
+        d->announceRunning(life, *change);
 }
 
 void BaseTask::setFinished()

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace zel {
 
@@ -41,12 +42,15 @@ public:
     /// What whoever waits gets when the task is destroyed first.
     static Error destroyedError();
 
-    void finish(Error error, bool isCancel = false);
+    void finish(Error error, bool isCancel = false) { endRun(std::move(error), {}, isCancel); }
+    /// Unless another run has begun.
+    void finishRun(quint64 run, Error error) { endRun(std::move(error), run, false); }
     /// Ends the run without finished(), unless somebody else ends it. Returns whether it did.
     bool finishQuietly();
-    void announceRunning(const TaskLife::Change &change);
+    void announceRunning(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change);
     /// Of \a expectedRun only, if one is given.
     void changeState(State state, std::optional<quint64> expectedRun = {});
+    void changeState(const TaskVisit &visit, State state, std::optional<quint64> expectedRun);
     std::shared_ptr<TasksQueueShare> queueShare() const;
 
     BaseTask *const q;
@@ -62,8 +66,6 @@ public:
     std::atomic<bool> deleteOnFinished = false;
     /// A queue or a group has handed the task to deleteLater().
     std::atomic<bool> isDoomed = false;
-    /// Whether a working thread was ever started, which may emit signals of the task.
-    std::atomic<bool> hadWorkingThread = false;
     std::atomic<WaitMode> waitMode = ProcessAllEvents;
     /// The tasks that this one is bound to.
     QList<QPointer<const BaseTask>> sources;
@@ -75,7 +77,8 @@ Q_SIGNALS:
 
 private:
     class Wait;
-    void announceState(const TaskLife::Change &change, State state);
+    void endRun(Error error, std::optional<quint64> meantRun, bool isCancel);
+    void announceState(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change, State state);
     void postDeletion();
 
     friend class BaseTask;

@@ -13,6 +13,7 @@
 
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace zel {
 
@@ -64,8 +65,8 @@ GroupTask *ComplexTask::Private::ensureGroupTask()
 void ComplexTask::Private::onGroupFinished(const GroupTask *group, quint64 use, quint64 run)
 {
     interleavingPoint("group finished");
-    if (group && group == groupTask && GroupTask::Private::of(group)->link->use == use && TaskLife::of(q)->isIn(run))
-        q->finish(group->error());
+    if (group && group == groupTask && GroupTask::Private::of(group)->link->use == use)
+        BaseTask::Private::of(q)->finishRun(run, group->error());
 }
 
 // The group is made fresh, also when it ended before the run; one that was set since the last run is taken as it is.
@@ -82,6 +83,11 @@ void ComplexTask::Private::beginRun(BaseTask::State left)
     ensureGroupTask()->setWaitMode(q->waitMode());
 }
 
+void ComplexTask::Private::succeed(quint64 run) const
+{
+    BaseTask::Private::of(q)->finishRun(run, Error(NoError));
+}
+
 std::shared_ptr<TaskLife> ComplexTask::Private::groupLife() const
 {
     const QMutexLocker locker(TaskLife::of(q)->mutex());
@@ -93,15 +99,38 @@ void ComplexTask::Private::connectSubtaskCallbacks(Task *task, std::function<voi
 {
     if (!onSuccess && !onFailure)
         return;
-    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread.
+    // Those of subtasks that are gone make room.
+    if (callbacks.size() == callbacks.capacity())
+        std::erase_if(callbacks, [](const auto &weak) { return weak.expired(); });
+    const auto shared = std::make_shared<SubtaskCallbacks>(std::move(onSuccess), std::move(onFailure));
+    callbacks.push_back(shared);
+    // The outcome is that of the moment: the subtask may be gone when its callback runs in another thread. The receiver
+    // is the subtask: another one might be destroyed while it emits on another thread.
     connect(
-        task, &Task::finished, q,
-        [task, life = TaskLife::of(q), onSuccess, onFailure] {
-            const auto &callback = task->hasError() ? onFailure : onSuccess;
-            if (task->isFinished() && callback)
+        task, &Task::finished, task,
+        [task, life = TaskLife::of(q), shared] {
+            if (!task->isFinished())
+                return;
+            if (const auto callback = shared->of(task->hasError()))
                 deliverTo(life, callback, Qt::AutoConnection);
         },
         Qt::DirectConnection);
+}
+
+std::function<void()> SubtaskCallbacks::of(bool hasFailed) const
+{
+    const QMutexLocker locker(&m_mutex);
+    return hasFailed ? m_onFailure : m_onSuccess;
+}
+
+// What they hold is destroyed without the lock.
+void SubtaskCallbacks::drop()
+{
+    std::function<void()> onSuccess;
+    std::function<void()> onFailure;
+    const QMutexLocker locker(&m_mutex);
+    m_onSuccess.swap(onSuccess);
+    m_onFailure.swap(onFailure);
 }
 
 // In the run that they have before anybody hears of it: one that a handler ends is not started.
@@ -134,7 +163,7 @@ void ComplexTask::Private::startDirectly(const QList<Admitted> &subtasks)
 }
 
 void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks,
-                                             const std::shared_ptr<TasksQueueShare> &share)
+                                             const TasksQueueVisit &visit)
 {
     QList<Admitted> complexTasks;
     QList<Admitted> others;
@@ -149,8 +178,8 @@ void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks,
             appended.append(subtask.task);
         }
     }
-    const int maxPriority = share->queue()->maxPriority();
-    share->queue()->append(appended);
+    const int maxPriority = visit.queue()->maxPriority();
+    visit.queue()->append(appended);
     for (const Admitted &subtask : std::as_const(others)) {
         // Refused: nobody would ever start it, and the group would wait for it for ever.
         const TaskVisit atWork(subtask.life);
@@ -158,12 +187,13 @@ void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks,
             continue;
         const int priority = subtask.task->priority();
         if (!subtask.task->d->queueShare() && (priority < 0 || priority > maxPriority))
-            subtask.task->finish(Error(GeneralError, ComplexTask::tr("The queue did not take the task.")));
+            BaseTask::Private::of(subtask.task)
+                ->finishRun(subtask.run, Error(GeneralError, ComplexTask::tr("The queue did not take the task.")));
     }
     for (const Admitted &subtask : std::as_const(complexTasks)) {
         if (!subtask.isToBeStarted())
             continue;
-        subtask.task->setQueue(share->queue());
+        subtask.task->setQueue(visit.queue());
         subtask.task->exec();
     }
 }
@@ -184,9 +214,13 @@ ComplexTask::~ComplexTask()
     const std::shared_ptr<TaskLife> life = TaskLife::of(this);
     life->retire();
     Task::d->leaveQueue();
-    life->waitForVisitors(name());
+    life->waitForVisitors(this);
     stopWorkingThread();
     delete d->groupTask;
+    for (const auto &weak : d->callbacks) {
+        if (const auto callbacks = weak.lock())
+            callbacks->drop();
+    }
 }
 
 void ComplexTask::setName(const QString &name)
@@ -269,8 +303,8 @@ void ComplexTask::execSubtasks(const QList<Task *> &tasks)
     if (!share || !share->queue())
         return Private::startDirectly(admitted);
     const TasksQueueVisit visit(share);
-    if (visit.isInside())
-        d->startThroughQueue(admitted, share);
+    if (visit.queue())
+        d->startThroughQueue(admitted, visit);
 }
 
 GroupTask::WaitMode ComplexTask::waitMode() const

@@ -28,7 +28,7 @@ Error CustomComplexTask::doExec()
     // Nobody would ever end a group to which nothing came. It may be another one now.
     const GroupTask *present = groupTask();
     if (!present || !GroupTask::Private::of(present)->hasAdmitted(group == present ? admissions : 0))
-        finish(NoError);
+        ComplexTask::d->succeed(run);
     return error;
 }
 

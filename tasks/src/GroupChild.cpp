@@ -59,6 +59,8 @@ void GroupChild::reportEnd(const std::shared_ptr<GroupChild> &child, quint64 run
 
 void GroupChild::reportProgress(const std::shared_ptr<GroupChild> &child, int value, int total)
 {
+    if (!child->isListed)
+        return;
     tell(child, [child, value, total](const TaskVisit &group) {
         GroupTask::Private::of(group)->onChildProgress(child, value, total);
     });

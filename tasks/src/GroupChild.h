@@ -72,6 +72,8 @@ struct GroupChild {
     Link amongChildren;              ///< while isListed
     Link amongPending;               ///< while not isFinished
     Link amongUnstarted;             ///< while isUnstarted
+    /// Another group's child of the same task. Guarded by the mutex of the life.
+    std::shared_ptr<GroupChild> nextFollower;
     std::atomic<bool> isListed = true;
     bool isFinished = false;  ///< its end was handled, or it was stopped quietly
     bool isUnstarted = false; ///< stands in the list of those that have not started

@@ -296,12 +296,13 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
     // One that was paused before its start gets idle again.
     setUnstarted(child, task->isIdle() || task->isPaused());
     // Start and end are taken note of where they happen, and handled where the connection type says: the error and
-    // the run are those of the moment, and the child may be gone by the time of the handling.
+    // the run are those of the moment, and the child may be gone by the time of the handling. The receiver is the child:
+    // another one might be destroyed while the child emits on another thread.
     child->life->addFollower(child);
     child->started = connect(
-        task, &BaseTask::started, q, [child] { GroupChild::reportStart(child); }, Qt::DirectConnection);
+        task, &BaseTask::started, task, [child] { GroupChild::reportStart(child); }, Qt::DirectConnection);
     child->finished = connect(
-        task, &BaseTask::finished, q,
+        task, &BaseTask::finished, task,
         [child, task] {
             // Not where an earlier handler of finished() began another run, or set the task idle.
             if (const quint64 run = child->life->endedRun())
@@ -309,7 +310,7 @@ void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
         },
         Qt::DirectConnection);
     child->progress = connect(
-        task, &BaseTask::progress, q,
+        task, &BaseTask::progress, task,
         [child](int value, int total) { GroupChild::reportProgress(child, value, total); }, Qt::DirectConnection);
 }
 
@@ -391,14 +392,8 @@ void GroupTask::Private::unlistAndDelete(const Child &child)
     unlist(held);
     const TaskVisit visit(held->life);
     BaseTask *task = visit.task();
-    // One that starts and ends on this thread alone takes those connections with it; what arrives until then finds that
-    // it is not listed. Others must not emit while the group is destroyed, which is the receiver.
-    if (task && task->thread() == QThread::currentThread() && !BaseTask::Private::of(task)->hadWorkingThread) {
-        held->life->removeFollower(held.get());
-        QObject::disconnect(std::exchange(held->progress, {}));
-    } else {
-        disconnectChild(held);
-    }
+    // Its connections go with it; what arrives until then finds that it is not listed.
+    held->life->removeFollower(held.get());
     if (task)
         TaskLife::deleteLater(task);
 }
@@ -556,7 +551,7 @@ GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Pri
 GroupTask::~GroupTask()
 {
     d->link->life->retire();
-    d->link->life->waitForVisitors(name());
+    d->link->life->waitForVisitors(this);
     const GroupLocker locker(d->mutex());
     d->cleanup();
     // Connections that are at work on other threads find nothing to do.
@@ -577,7 +572,8 @@ void GroupTask::Private::freeWrapper(const Child &child) const
     if (!visit.isInside())
         return;
     visit.task()->setDeleteOnFinished(true);
-    if (visit.task()->isFinished())
+    // An end that is under way, on another thread, may have looked before.
+    if (child->life->isEnding() || visit.task()->isFinished())
         TaskLife::deleteLater(visit.task());
 }
 
@@ -771,8 +767,8 @@ void GroupTask::execTask(Task *task)
     if (!share || !share->queue())
         return task->exec();
     const TasksQueueVisit visit(share);
-    if (visit.isInside())
-        share->queue()->append(task);
+    if (TasksQueue *queue = visit.queue())
+        queue->append(task);
 }
 
 } // namespace zel

@@ -2,6 +2,7 @@
 
 #include "BaseTask_p.h"
 #include "ComplexTask_p.h"
+#include "CoroutineHandover.h"
 #include "Interleaving.h"
 #include "TaskStart.h"
 #include "Task_p.h"
@@ -189,7 +190,7 @@ QCoro::Task<> Task::Private::finishWith(std::shared_ptr<TaskLife> life, quint64 
     // What handlers throw, and work that starts in the place of this task, would be lost in the coroutine.
     const NothingLeaves here;
     try {
-        visit.task()->finish(result);
+        BaseTask::Private::of(visit.task())->finishRun(run, result);
     } catch (const abi::__forced_unwind &) {
         throw;
     } catch (...) {
@@ -202,39 +203,42 @@ void Task::Private::execOnWorkingThread(quint64 run)
     const std::shared_ptr<TaskLife> life = TaskLife::of(q);
     bool isStarted = false;
     {
-        QMutexLocker starting(&startMutex);
-        while (hasThread()) {
+        // Before the look at the run: who ends it looks for threads afterwards.
+        Threading *const threads = ensureThreading();
+        QMutexLocker starting(&threads->startMutex);
+        while (thread()) {
             starting.unlock();
             q->deleteWorkingThread();
             starting.relock();
         }
         if (!life->isToWork(run))
             return;
-        BaseTask::Private::of(q)->hadWorkingThread = true;
-        WorkerThread *thread = makeThread([task = q, life, run] {
+        WorkerThread *started = makeThread([task = q, life, run] {
             interleavingPoint("work on a thread");
             return life->isToWork(run) ? task->doExec() : Error();
         });
         connect(
-            thread, &QThread::finished, thread,
-            [life, ticket = lastTicket, run] { postThreadFinished(life, ticket, run); }, Qt::DirectConnection);
-        thread->start(QThread::InheritPriority);
-        isStarted = thread->isRunning() || thread->isFinished();
+            started, &QThread::finished, started,
+            [life, ticket = threads->lastTicket, run] { postThreadFinished(life, ticket, run); }, Qt::DirectConnection);
+        started->start(QThread::InheritPriority);
+        isStarted = started->isRunning() || started->isFinished();
     }
     interleavingPoint("thread started");
     if (isStarted || !life->isIn(run))
         return;
     TaskStart::setReturning(life.get(), true);
-    q->finish(Error(GeneralError, Task::tr("The working thread could not be started.")));
+    BaseTask::Private::of(q)->finishRun(run,
+                                        Error(GeneralError, Task::tr("The working thread could not be started.")));
 }
 
 // A thread enters the task by a ticket, and not when that was revoked meanwhile.
 Task::Private::WorkerThread *Task::Private::makeThread(std::function<Error()> work)
 {
+    Threading *const threads = threading;
     const QMutexLocker locker(&mutex);
-    admittedTicket = ++lastTicket;
-    hasThreadReported = false;
-    const auto enter = [life = TaskLife::of(q), ticket = lastTicket, work = std::move(work)] {
+    threads->admittedTicket = ++threads->lastTicket;
+    threads->hasReported = false;
+    const auto enter = [life = TaskLife::of(q), ticket = threads->lastTicket, work = std::move(work)] {
         const TaskVisit visit(life, TaskVisit::Work);
         const auto task = static_cast<Task *>(visit.task());
         if (!task || !task->d->isAdmitted(ticket))
@@ -246,30 +250,43 @@ Task::Private::WorkerThread *Task::Private::makeThread(std::function<Error()> wo
             return unhandled(exception.what());
         }
     };
-    workingThread = new WorkerThread(enter);
+    threads->thread = new WorkerThread(enter);
     // exec() may have been called on another thread, perhaps one that has no event loop.
-    workingThread->moveToThread(q->thread());
-    return workingThread;
+    threads->thread->moveToThread(q->thread());
+    return threads->thread;
+}
+
+Task::Private::Threading *Task::Private::ensureThreading()
+{
+    const QMutexLocker locker(&mutex);
+    if (!threading)
+        threading = new Threading;
+    return threading;
 }
 
 bool Task::Private::isAdmitted(quint64 ticket) const
 {
     const QMutexLocker locker(&mutex);
-    return admittedTicket == ticket;
+    return threading.load()->admittedTicket == ticket;
 }
 
 void Task::Private::revokeTicket()
 {
     const QMutexLocker locker(&mutex);
-    admittedTicket = 0;
+    threading.load()->admittedTicket = 0;
 }
 
-Task::Private::WorkerThread *Task::Private::takeThread()
+Task::Private::WorkerThread *Task::Private::takeThread(std::optional<quint64> ticket)
 {
-    const QMutexLocker starting(&startMutex);
+    Threading *const threads = threading;
+    if (!threads)
+        return nullptr;
+    const QMutexLocker starting(&threads->startMutex);
     const QMutexLocker locker(&mutex);
-    admittedTicket = 0;
-    return std::exchange(workingThread, nullptr);
+    if (ticket && threads->lastTicket != ticket)
+        return nullptr;
+    threads->admittedTicket = 0;
+    return std::exchange(threads->thread, nullptr);
 }
 
 // To the thread of the task, by a messenger: whoever has waited may destroy the task while its own event is handled.
@@ -300,28 +317,32 @@ void Task::Private::onThreadFinished(const std::shared_ptr<TaskLife> &life, quin
     std::optional<Error> result;
     {
         const QMutexLocker locker(&task->d->mutex);
-        if (task->d->lastTicket != ticket)
+        Threading *const threads = task->d->threading;
+        if (threads->lastTicket != ticket)
             return;
-        task->d->hasThreadReported = true;
-        if (task->d->admittedTicket == ticket && task->d->workingThread)
-            result = task->d->workingThread->result().value_or(Error());
+        threads->hasReported = true;
+        if (threads->admittedTicket == ticket && threads->thread)
+            result = threads->thread->result().value_or(Error());
     }
     if (result && life->isIn(run))
-        task->finish(*result);
+        BaseTask::Private::of(task)->finishRun(run, *result);
     else
-        task->deleteWorkingThread();
+        task->d->letGoOf(task->d->takeThread(ticket));
 }
 
-bool Task::Private::hasThread() const
+Task::Private::WorkerThread *Task::Private::thread() const
 {
+    const Threading *const threads = threading;
+    if (!threads)
+        return nullptr;
     const QMutexLocker locker(&mutex);
-    return workingThread;
+    return threads->thread;
 }
 
 bool Task::Private::isWorkingThread() const
 {
-    const QMutexLocker locker(&mutex);
-    return workingThread && workingThread == QThread::currentThread();
+    const WorkerThread *present = thread();
+    return present && present == QThread::currentThread();
 }
 
 bool Task::Private::request(QThread *thread, void (*ask)(QThread *thread)) const
@@ -336,6 +357,27 @@ bool Task::Private::stop(QThread *thread) const
 {
     return request(thread, interrupt) || request(thread, quit)
         || (threadTerminationEnabled && request(thread, terminate));
+}
+
+// Null for none.
+void Task::Private::letGoOf(QThread *thread) const
+{
+    if (!thread)
+        return;
+    const bool isOwnThread = thread == QThread::currentThread();
+    if (thread->isRunning()) {
+        QObject::disconnect(thread, &QThread::finished, thread, nullptr);
+        if (!isOwnThread && !stop(thread))
+            qCWarning(tasksLog) << "Could not kill working thread for task" << q->name();
+    }
+    if (thread->isRunning()) {
+        freeWhenEnded(thread);
+        return;
+    }
+    // Until the task has heard of it, it may still be telling that it has finished.
+    if (!isOwnThread && !threading.load()->hasReported)
+        thread->wait(deadlineAfter(threadWaitTime));
+    thread->deleteLater();
 }
 
 Task::Task(QObject *parent) : Task(Synchronous, parent) { }
@@ -366,6 +408,7 @@ Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, p
 {
     const std::shared_ptr<TaskLife> life = TaskLife::of(this);
     setRunning();
+    const CoroutineHandover handover;
     static_cast<void>(Private::finishWith(
         life, life->run(), [coroutine = std::move(coroutine)]() mutable { return std::move(coroutine); }));
 }
@@ -375,13 +418,13 @@ Task::~Task()
     TaskLife *const life = TaskLife::of(this).get();
     life->retire();
     d->leaveQueue();
-    life->waitForVisitors(name());
-    life->setWhole(this);
+    life->waitForVisitors(this);
+    life->setWhole(true);
     Q_EMIT aboutToDestroy();
-    life->setWhole(nullptr);
+    life->setWhole(false);
     // A handler, or another thread, may have appended it again.
     if (d->leaveQueue())
-        life->waitForVisitors(name());
+        life->waitForVisitors(this);
     stopWorkingThread();
 }
 
@@ -482,9 +525,9 @@ void Task::bindMutually(const Task *task)
 // A run is started once, whichever threads try, and nothing is started of one that has ended meanwhile.
 void Task::exec()
 {
-    const std::shared_ptr<TaskLife> life = TaskLife::of(this);
-    const quint64 seenRun = life->run();
-    const TaskVisit visit(life);
+    const quint64 seenRun = TaskLife::of(this)->run();
+    const TaskVisit visit(TaskLife::of(this));
+    const std::shared_ptr<TaskLife> &life = visit.life();
     TaskStart *const start = TaskStart::unusedOf(life.get());
     const auto change = visit.isInside() ? life->begin(start ? start->use() : 0, seenRun) : std::nullopt;
     if (!change)
@@ -497,7 +540,7 @@ void Task::exec()
         if (!life->isIn(run))
             return;
     }
-    BaseTask::Private::of(this)->announceRunning(*change);
+    BaseTask::Private::of(this)->announceRunning(life, *change);
     interleavingPoint("before the work");
     if (!life->isToWork(run))
         return;
@@ -506,9 +549,11 @@ void Task::exec()
     case WorkingThread:
         d->execOnWorkingThread(run);
         break;
-    case Coroutine:
+    case Coroutine: {
+        const CoroutineHandover handover;
         static_cast<void>(Private::finishWith(life, run, [this] { return co_doExec(); }));
         break;
+    }
     case Synchronous:
     case Asynchronous:
     default: {
@@ -518,7 +563,7 @@ void Task::exec()
         if (!life->isIn(run) || (!isSynchronous && !result.hasError()))
             break;
         TaskStart::setReturning(life.get(), true);
-        finish(result);
+        BaseTask::Private::of(this)->finishRun(run, result);
         break;
     }
     }
@@ -593,59 +638,43 @@ void Task::finalize()
 void Task::createWorkingThread(std::function<Error()> function)
 {
     deleteWorkingThread();
-    const QMutexLocker starting(&d->startMutex);
+    const QMutexLocker starting(&d->ensureThreading()->startMutex);
     d->makeThread(std::move(function));
 }
 
 void Task::startWorkingThread()
 {
-    const QMutexLocker starting(&d->startMutex);
-    if (d->workingThread)
-        d->workingThread->start(QThread::InheritPriority);
+    const QMutexLocker starting(&d->ensureThreading()->startMutex);
+    if (QThread *thread = d->thread())
+        thread->start(QThread::InheritPriority);
 }
 
 bool Task::interruptWorkingThread()
 {
-    return d->request(d->workingThread, interrupt);
+    return d->request(d->thread(), interrupt);
 }
 
 bool Task::quitWorkingThread()
 {
-    return d->request(d->workingThread, quit);
+    return d->request(d->thread(), quit);
 }
 
 bool Task::terminateWorkingThread()
 {
-    return d->threadTerminationEnabled && d->request(d->workingThread, terminate);
+    return d->threadTerminationEnabled && d->request(d->thread(), terminate);
 }
 
 void Task::deleteWorkingThread()
 {
     interleavingPoint("delete thread");
-    QThread *thread = d->takeThread();
-    if (!thread)
-        return;
-    const bool isOwnThread = thread == QThread::currentThread();
-    if (thread->isRunning()) {
-        QObject::disconnect(thread, nullptr, nullptr, nullptr);
-        if (!isOwnThread && !d->stop(thread))
-            qCWarning(tasksLog) << "Could not kill working thread for task" << name();
-    }
-    if (thread->isRunning()) {
-        freeWhenEnded(thread);
-        return;
-    }
-    // Until the task has heard of it, it may still be telling that it has finished.
-    if (!isOwnThread && !d->hasThreadReported)
-        thread->wait(deadlineAfter(d->threadWaitTime));
-    thread->deleteLater();
+    d->letGoOf(d->takeThread());
 }
 
 void Task::stopWorkingThread()
 {
     deleteWorkingThread();
-    TaskLife::of(this)->waitForVisitors(name());
-    TaskLife::of(this)->waitForWorkers(name());
+    TaskLife::of(this)->waitForVisitors(this);
+    TaskLife::of(this)->waitForWorkers(this);
 }
 
 } // namespace zel

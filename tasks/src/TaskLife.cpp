@@ -8,7 +8,6 @@
 
 #include <QThread>
 
-#include <algorithm>
 #include <utility>
 
 namespace zel {
@@ -27,15 +26,16 @@ quint64 TaskLife::claimStart(bool isToBeIdle)
     if (!task() || m_claim != 0 || isEnding() || (isToBeIdle && m_state != BaseTask::Idle))
         return 0;
     m_claimedRun = m_run;
-    m_claim = ++m_lastNumber;
-    return m_claim;
+    const quint64 claim = ++m_lastNumber;
+    m_claim.store(claim, std::memory_order_release);
+    return claim;
 }
 
 void TaskLife::releaseStart(quint64 claim)
 {
     const QMutexLocker locker(&m_mutex);
     if (claim != 0 && m_claim == claim)
-        m_claim = 0;
+        m_claim.store(0, std::memory_order_release);
 }
 
 std::optional<TaskLife::Change> TaskLife::begin(quint64 claim, quint64 seenRun)
@@ -44,7 +44,8 @@ std::optional<TaskLife::Change> TaskLife::begin(quint64 claim, quint64 seenRun)
     const QMutexLocker locker(&m_mutex);
     if (!task() || m_claim != claim)
         return {};
-    m_claim = 0;
+    if (claim != 0)
+        m_claim.store(0, std::memory_order_release);
     const bool isMeant = m_run == (claim != 0 ? m_claimedRun : seenRun);
     const bool isStart = m_state == BaseTask::Idle || m_state == BaseTask::Finished;
     if (!isMeant || (isStart && isEnding()))
@@ -52,11 +53,11 @@ std::optional<TaskLife::Change> TaskLife::begin(quint64 claim, quint64 seenRun)
     return move(BaseTask::Running, Plainly);
 }
 
-quint64 TaskLife::claimEnd()
+quint64 TaskLife::claimEnd(std::optional<quint64> meantRun)
 {
     interleavingPoint("claim end");
     const QMutexLocker locker(&m_mutex);
-    if (!task() || m_state == BaseTask::Finished || isEnding())
+    if (!task() || m_state == BaseTask::Finished || isEnding() || (meantRun && m_run != meantRun))
         return 0;
     m_endingRun = m_run.load();
     return m_run;
@@ -66,7 +67,7 @@ void TaskLife::releaseEnd(quint64 run)
 {
     const QMutexLocker locker(&m_mutex);
     if (m_endingRun == run)
-        m_endingRun = 0;
+        m_endingRun.store(0, std::memory_order_release);
 }
 
 std::optional<TaskLife::Change> TaskLife::complete(quint64 run, bool isAnnounced)
@@ -139,27 +140,32 @@ TaskLife::Change TaskLife::move(State state, How how)
     // What belongs to the end before, or to one that is abandoned here.
     if ((begins || isReset) && (left == BaseTask::Finished || isEnding()) && task())
         task()->ErrorCancelable::setCanceled(false);
+    quint64 run = m_run;
     if (isResumed && state == BaseTask::Finished) {
-        m_run = m_endedRun;
+        run = m_endedRun;
     } else if (begins || isReset || ends) {
-        m_run = ++m_lastNumber;
-        m_endingRun = 0;
+        run = ++m_lastNumber;
+        m_endingRun.store(0, std::memory_order_release);
     } else if (state == BaseTask::Paused && left == BaseTask::Finished) {
         // It can be ended once more, unless it is resumed first.
-        m_endedRun = m_run;
-        m_run = ++m_lastNumber;
+        m_endedRun = run;
+        run = ++m_lastNumber;
     }
     if (state == BaseTask::Paused && left != BaseTask::Paused)
         m_pausedState = left;
-    m_previousState = left;
-    m_state = state;
-    return {left, m_run, isReset, isReached && how != Announced && !isLeftToFinish};
+    m_previousState.store(left, std::memory_order_release);
+    m_run.store(run, std::memory_order_release);
+    m_state.store(state, std::memory_order_release);
+    return {left, run, isReset, isReached && how != Announced && !isLeftToFinish};
 }
 
 void TaskLife::addFollower(const std::shared_ptr<GroupChild> &child)
 {
     const QMutexLocker locker(&m_mutex);
-    m_followers.push_back(child);
+    std::shared_ptr<GroupChild> *last = &m_followers;
+    while (*last)
+        last = &(*last)->nextFollower;
+    *last = child;
     m_hasFollowers = true;
 }
 
@@ -167,70 +173,72 @@ void TaskLife::removeFollower(const GroupChild *child)
 {
     std::shared_ptr<GroupChild> held;
     const QMutexLocker locker(&m_mutex);
-    const auto found = std::find_if(m_followers.begin(), m_followers.end(),
-                                    [child](const auto &follower) { return follower.get() == child; });
-    if (found == m_followers.end())
+    std::shared_ptr<GroupChild> *place = &m_followers;
+    while (*place && place->get() != child)
+        place = &(*place)->nextFollower;
+    if (!*place)
         return;
-    held = std::move(*found);
-    m_followers.erase(found);
-    m_hasFollowers = !m_followers.empty();
+    held = std::move(*place);
+    *place = std::move(held->nextFollower);
+    m_hasFollowers = bool(m_followers);
 }
 
-std::vector<std::shared_ptr<GroupChild>> TaskLife::followers() const
+TaskLife::Followers TaskLife::followers() const
 {
+    Followers all;
     if (!m_hasFollowers)
-        return {};
+        return all;
     const QMutexLocker locker(&m_mutex);
-    return m_followers;
+    for (std::shared_ptr<GroupChild> child = m_followers; child; child = child->nextFollower)
+        all.append(child);
+    return all;
 }
 
 void TaskLife::retire()
 {
+    if (m_isRetired)
+        return;
     interleavingPoint("retire");
     const QMutexLocker locker(&m_mutex);
     m_destroyer = QThread::currentThreadId();
-    m_task = nullptr;
-}
-
-void TaskLife::setWhole(BaseTask *task)
-{
-    m_dying = task;
+    m_isRetired = true;
 }
 
 // Followers hold on to the life of their task.
 void TaskLife::setDestroyed()
 {
-    std::vector<std::shared_ptr<GroupChild>> released;
-    const QMutexLocker locker(&m_mutex);
-    m_isDestroyed = true;
-    m_hasFollowers = false;
-    released.swap(m_followers);
+    m_isDestroyed.store(true, std::memory_order_release);
+    for (const auto &child : followers())
+        removeFollower(child.get());
 }
 
-BaseTask *TaskLife::dyingTask() const
+bool TaskLife::isWholeHere() const
 {
-    return m_destroyer == QThread::currentThreadId() ? m_dying.load() : nullptr;
+    return m_isWhole && m_destroyer == QThread::currentThreadId();
 }
 
-void TaskLife::waitForVisitors(const QString &name) const
+void TaskLife::waitForVisitors(const BaseTask *task) const
 {
-    waitUntilAlone(TaskVisit::Operation, name);
+    waitUntilAlone(TaskVisit::Operation, task);
 }
 
-void TaskLife::waitForWorkers(const QString &name) const
+void TaskLife::waitForWorkers(const BaseTask *task) const
 {
-    waitUntilAlone(TaskVisit::Work, name);
+    waitUntilAlone(TaskVisit::Work, task);
 }
 
-void TaskLife::waitUntilAlone(size_t kind, const QString &name) const
+void TaskLife::waitUntilAlone(size_t kind, const BaseTask *task) const
 {
     interleavingPoint("wait for visitors");
-    const int own = TaskVisit::countOnThisThread(this, kind);
     const std::atomic<int> &visits = m_visits.at(kind);
+    if (visits == 0)
+        return;
+    const int own = TaskVisit::countOnThisThread(this, kind);
     if (visits == own)
         return;
+    const QString name = task->name();
 #ifndef QT_NO_DEBUG
-    if (!m_task && GroupLocker::isAnyHeld())
+    if (m_isRetired && GroupLocker::isAnyHeld())
         qFatal("Task \"%s\" is destroyed in a handler of a group's signal while another thread is at work with it: use "
                "deleteLater() there",
                qUtf8Printable(name));
@@ -277,8 +285,8 @@ void TaskLife::notifyDestroyed(const BaseTask *task, const Error &error)
         watcher->onDestroyed(task, error);
 }
 
-TaskVisit::TaskVisit(std::shared_ptr<TaskLife> life, Kind kind)
-    : m_life(std::move(life))
+TaskVisit::TaskVisit(const std::shared_ptr<TaskLife> &life, Kind kind)
+    : m_life(life)
     , m_kind(kind)
     , m_isInside(true)
     , m_outer(std::exchange(innermostVisit, this))

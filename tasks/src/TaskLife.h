@@ -3,12 +3,12 @@
 #include <zel/tasks/BaseTask.h>
 
 #include <QMutex>
+#include <QVarLengthArray>
 
 #include <array>
 #include <atomic>
 #include <memory>
 #include <optional>
-#include <vector>
 
 namespace zel {
 
@@ -56,7 +56,7 @@ public:
         bool isQuietEnd; ///< to Finished, where no finish() announces it
     };
 
-    explicit TaskLife(BaseTask *task) : m_task(task) { }
+    explicit TaskLife(BaseTask *task) : m_self(task) { }
     Q_DISABLE_COPY_MOVE(TaskLife)
 
     static const std::shared_ptr<TaskLife> &of(const BaseTask *task);
@@ -65,11 +65,7 @@ public:
 
     /// Null once the destruction has begun, but for handlers of aboutToDestroy(). To be compared; who uses it on a
     /// thread that does not destroy it makes a TaskVisit.
-    BaseTask *task() const
-    {
-        BaseTask *const alive = m_task;
-        return alive || !m_dying ? alive : dyingTask();
-    }
+    BaseTask *task() const { return !m_isRetired || isWholeHere() ? m_self : nullptr; }
     State state() const { return m_state; }
     State previousState() const { return m_previousState; }
     /// Tells runs apart: changes when a run begins, when it ends, and when the task becomes idle again.
@@ -94,8 +90,9 @@ public:
     /// Sets the task running, by a reservation, or without one from the run that the caller has seen. None when
     /// somebody else starts it or has ended it, or the reservation was taken back.
     std::optional<Change> begin(quint64 claim, quint64 seenRun);
-    /// The number of the run that the caller is to end; 0 when it has ended, or somebody else ends it.
-    quint64 claimEnd();
+    /// The number of the run that the caller is to end; 0 when it has ended, or somebody else ends it, or it is not the
+    /// one that is meant.
+    quint64 claimEnd(std::optional<quint64> meantRun = {});
     /// Leaves the run that was not ended after all to others.
     void releaseEnd(quint64 run);
     /// Ends the run, for whoever has claimed that: none when the task was set idle or running again meanwhile.
@@ -113,22 +110,23 @@ public:
     /// What resume() goes back to.
     State pausedState() const;
 
+    using Followers = QVarLengthArray<std::shared_ptr<GroupChild>, 2>;
     void addFollower(const std::shared_ptr<GroupChild> &child);
     void removeFollower(const GroupChild *child);
-    std::vector<std::shared_ptr<GroupChild>> followers() const;
+    Followers followers() const;
     bool hasFollowers() const { return m_hasFollowers; }
 
     /// Called when a destructor of the task's begins. From here on no visit begins and no run is claimed.
     void retire();
     /// The retired task is whole while its destructor calls handlers, on this thread alone.
-    void setWhole(BaseTask *task);
+    void setWhole(bool isWhole) { m_isWhole.store(isWhole, std::memory_order_release); }
     /// Called when the last destructor has seen that no other thread visits the task.
     void setDestroyed();
     /// Returns when no other thread visits the task; warns when that takes seconds. Debug builds abort when it would
     /// have to wait for a retired task under the lock of a group, which the other thread may need to get done.
-    void waitForVisitors(const QString &name) const;
+    void waitForVisitors(const BaseTask *task) const;
     /// The same for threads that are inside the work.
-    void waitForWorkers(const QString &name) const;
+    void waitForWorkers(const BaseTask *task) const;
 
     // These are called with the mutex locked. A watcher is removed before it is destroyed.
     void add(TaskWatcher *watcher);
@@ -147,14 +145,12 @@ private:
         Quietly,   ///< as the end of the run, without finished()
     };
     Change move(State state, How how);
-    BaseTask *dyingTask() const;
-    bool isAwaited() const { return m_waiting > 0 || !m_task; }
-    void waitUntilAlone(size_t kind, const QString &name) const;
+    bool isWholeHere() const;
+    bool isAwaited() const { return m_isRetired || m_waiting > 0; }
+    void waitUntilAlone(size_t kind, const BaseTask *task) const;
 
     mutable QMutex m_mutex;
-    std::atomic<BaseTask *> m_task;
-    std::atomic<BaseTask *> m_dying = nullptr;
-    std::atomic<bool> m_isDestroyed = false;
+    BaseTask *const m_self;
     Qt::HANDLE m_destroyer = nullptr; ///< the thread that retired the task
     // Written with the mutex locked, and read without.
     std::atomic<quint64> m_run{1};
@@ -165,10 +161,14 @@ private:
     // Guarded by the mutex.
     State m_pausedState = BaseTask::Idle; ///< the state that was left for Paused
     std::atomic<bool> m_hasFollowers{false};
+    std::atomic<bool> m_isRetired{false};
+    std::atomic<bool> m_isWhole{false};
+    std::atomic<bool> m_isDestroyed{false};
     quint64 m_lastNumber = 1; ///< of runs and claims
     quint64 m_claimedRun = 0; ///< the run that the reservation was made in
     quint64 m_endedRun = 0;   ///< that ended last before it was paused
-    std::vector<std::shared_ptr<GroupChild>> m_followers;
+    /// The first one, which leads to the others.
+    std::shared_ptr<GroupChild> m_followers;
     std::atomic<TaskWatcher *> m_watchers = nullptr;
     TaskWatcher *m_lastWatcher = nullptr;
     /// How many visits there are, of either kind.
@@ -191,13 +191,14 @@ public:
         Work = 1, ///< on a working thread, for as long as the work takes
     };
 
-    explicit TaskVisit(std::shared_ptr<TaskLife> life, Kind kind = Operation);
+    explicit TaskVisit(const std::shared_ptr<TaskLife> &life, Kind kind = Operation);
     ~TaskVisit();
     Q_DISABLE_COPY_MOVE(TaskVisit)
 
     /// Null when the task was gone before the visit, and when this thread has destroyed it since. Another thread that
     /// destroys it waits for the visit.
     BaseTask *task() const { return isInside() ? m_task : nullptr; }
+    const std::shared_ptr<TaskLife> &life() const { return m_life; }
     bool isInside() const { return m_isInside && !m_life->m_isDestroyed; }
     /// Ends the visit before its time.
     void leave();

@@ -12,6 +12,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <variant>
 
 namespace zel {
@@ -26,7 +27,20 @@ public:
         std::variant<std::monostate, std::function<QCoro::Task<Error>()>, std::function<QCoro::Task<Error>(Task *)>>;
     using WorkerThread = ResultFunctionThread<Error>;
 
+    /// Made with the first thread: few tasks have one.
+    struct Threading {
+        /// Held while a thread is made and started: who takes it away waits for that.
+        QMutex startMutex;
+        // Written with the mutex of the private part locked.
+        WorkerThread *thread = nullptr; ///< of the present run; whoever takes it out lets go of it
+        quint64 lastTicket = 0;
+        quint64 admittedTicket = 0;           ///< of the thread that may enter the task
+        std::atomic<bool> hasReported = false; ///< its finished() has arrived
+    };
+
     Private(Task *task, ExecutionMode mode) : q(task), executionMode(mode) { }
+    ~Private() { delete threading; }
+    Q_DISABLE_COPY_MOVE(Private)
 
     // These take the mutex.
     template <typename Slot, typename Function>
@@ -64,8 +78,11 @@ public:
     WorkerThread *makeThread(std::function<Error()> work);
     bool isAdmitted(quint64 ticket) const;
     void revokeTicket();
-    WorkerThread *takeThread();
-    bool hasThread() const;
+    /// That of the ticket only, if one is given.
+    WorkerThread *takeThread(std::optional<quint64> ticket = {});
+    void letGoOf(QThread *thread) const;
+    WorkerThread *thread() const;
+    Threading *ensureThreading();
     bool isWorkingThread() const;
     static void postThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run);
     static void onThreadFinished(const std::shared_ptr<TaskLife> &life, quint64 ticket, quint64 run);
@@ -82,17 +99,11 @@ public:
     std::atomic<bool> countAsRunning{true};
     /// A ComplexTask, whose group begins with it.
     bool isComplex = false;
-    /// Held while a thread is made and started: who takes it away waits for that.
-    QMutex startMutex;
-    /// Guards what follows.
+    std::atomic<Threading *> threading = nullptr;
+    /// Guards what follows, and what is said of the thread.
     mutable QMutex mutex;
     PlainFunction function;
     CoroutineFactory coroutineFunction;
-    /// The thread of the present run; whoever takes it out lets go of it.
-    WorkerThread *workingThread = nullptr;
-    quint64 lastTicket = 0;
-    quint64 admittedTicket = 0;                  ///< of the thread that may enter the task
-    std::atomic<bool> hasThreadReported = false; ///< its finished() has arrived
     /// The queue that holds this task, pending or running, and what it knows of it.
     std::shared_ptr<TasksQueueShare> holder;
     TasksQueueEntry *holderEntry = nullptr;

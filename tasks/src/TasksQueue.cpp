@@ -335,8 +335,8 @@ void TasksQueue::Private::takeFromOtherQueue(Task *task)
     if (!other || other == share || isRefused)
         return;
     const TasksQueueVisit visit(other);
-    if (visit.isInside())
-        other->queue()->removeTask(task);
+    if (TasksQueue *queue = visit.queue())
+        queue->removeTask(task);
 }
 
 void TasksQueue::Private::recount(const Share &share, const Task *task)
@@ -360,6 +360,8 @@ TasksQueue::Private::Entry *TasksQueue::Private::ensureEntry(Task *task)
 {
     if (Entry *held = entryOf(task))
         return held;
+    if (!share->queue())
+        return nullptr;
     if (unused.empty()) {
         unused.emplace_back();
         unused.front().self = unused.begin();
@@ -459,8 +461,12 @@ void TasksQueue::Private::follow(Entry *entry)
     unfollow(entry);
     entry->isFollowed = true;
     entry->connectionType = connectionType;
+    // A receiver that is called on the thread that emits must not be destroyed meanwhile.
+    const auto receiverOf = [this, entry](Qt::ConnectionType type) -> const QObject * {
+        return type == Qt::DirectConnection ? static_cast<const QObject *>(entry->task) : this;
+    };
     entry->finished = connect(
-        entry->task, &BaseTask::finished, this,
+        entry->task, &BaseTask::finished, receiverOf(connectionType),
         [shared = share, life = TaskLife::of(entry->task), entry, stay = entry->stay] {
             onTaskEnded(shared, life, entry, stay);
         },
@@ -468,7 +474,7 @@ void TasksQueue::Private::follow(Entry *entry)
     if (connectionType == Qt::QueuedConnection)
         return;
     entry->priorityChanged = connect(
-        entry->task, &Task::priorityChanged, this,
+        entry->task, &Task::priorityChanged, receiverOf(connectionType),
         [shared = share, entry, stay = entry->stay] { readd(shared, entry, stay); }, connectionType);
 }
 
@@ -612,9 +618,9 @@ void TasksQueue::Private::onTaskEnded(const Share &share, const std::shared_ptr<
 {
     interleavingPoint("task ended");
     const TasksQueueVisit visit(share);
-    if (!visit.isInside())
+    TasksQueue *const queue = visit.queue();
+    if (!queue)
         return;
-    TasksQueue *const queue = share->queue();
     if (!life->task())
         return queue->onTaskFinished(nullptr);
     Handling handling;
@@ -633,12 +639,12 @@ void TasksQueue::Private::onTaskDestroyed(const Share &share, Task *task)
 {
     interleavingPoint("task destroyed");
     const TasksQueueVisit visit(share);
-    if (!visit.isInside()) {
-        // The queue, on another thread, is letting go of its tasks.
+    TasksQueue *const queue = visit.queue();
+    if (!queue) {
+        // On another thread, it is letting go of its tasks.
         const Lock locker(&share->mutex);
         return;
     }
-    TasksQueue *const queue = share->queue();
     const Destruction destruction(share.get(), queue->d->thread() != QThread::currentThread());
     const NothingLeaves here;
     queue->onTaskDestroyed(task);
@@ -697,8 +703,8 @@ void TasksQueue::Private::readd(const Share &share, const Entry *entry, quint64 
         task = entry->task;
         taskVisit.emplace(TaskLife::of(task));
     }
-    if (taskVisit->isInside())
-        share->queue()->readdTask(task);
+    if (taskVisit->isInside() && visit.queue())
+        visit.queue()->readdTask(task);
 }
 
 TasksQueue::Private::Entries &TasksQueue::Private::listOf(const Entry &entry)

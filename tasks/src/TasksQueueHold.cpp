@@ -52,8 +52,8 @@ void TasksQueueHold::removeFromQueue(Task *task)
     if (!share)
         return;
     const TasksQueueVisit visit(share);
-    if (visit.isInside())
-        share->queue()->removeTask(task);
+    if (TasksQueue *queue = visit.queue())
+        queue->removeTask(task);
 }
 
 } // namespace zel

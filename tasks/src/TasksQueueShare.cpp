@@ -7,6 +7,8 @@
 
 #include <zel/tasks/TasksQueue.h>
 
+#include <QThread>
+
 #include <utility>
 
 namespace zel {
@@ -22,6 +24,7 @@ void TasksQueueShare::close(const std::function<void()> &letGo)
     interleavingPoint("close queue");
     {
         const QMutexLocker locker(&mutex);
+        m_closer = QThread::currentThreadId();
         m_queue = nullptr;
         m_context = nullptr;
         letGo();
@@ -35,8 +38,8 @@ void TasksQueueShare::dispatch(const std::shared_ptr<TasksQueueShare> &share)
 {
     GroupLocker::callUnlocked([share] {
         const TasksQueueVisit visit(share);
-        if (visit.isInside())
-            share->queue()->tryExec();
+        if (TasksQueue *queue = visit.queue())
+            queue->tryExec();
     });
 }
 
@@ -54,7 +57,8 @@ void TasksQueueShare::postDispatch()
             return;
         locker.unlock();
         const TaskStart fromEventLoop(share.get());
-        share->queue()->tryExec();
+        if (TasksQueue *queue = visit.queue())
+            queue->tryExec();
     });
 }
 
@@ -113,6 +117,15 @@ TasksQueueVisit::~TasksQueueVisit()
     innermostVisit = m_outer;
     if (m_isPresent)
         m_share->leave();
+}
+
+TasksQueue *TasksQueueVisit::queue() const
+{
+    if (TasksQueue *open = m_share->queue())
+        return open;
+    // Another thread that destroys it waits for this one.
+    const bool isKept = presentOf(m_share.get()) && m_share->m_closer != QThread::currentThreadId();
+    return isKept ? m_share->m_self : nullptr;
 }
 
 TasksQueueVisit *TasksQueueVisit::presentOf(const TasksQueueShare *share)

@@ -21,13 +21,14 @@ class TasksQueue;
  */
 class TasksQueueShare : public std::enable_shared_from_this<TasksQueueShare> {
 public:
-    TasksQueueShare(TasksQueue *queue, QObject *context) : m_queue(queue), m_context(context) { }
+    TasksQueueShare(TasksQueue *queue, QObject *context) : m_self(queue), m_queue(queue), m_context(context) { }
     Q_DISABLE_COPY_MOVE(TasksQueueShare)
 
     /// Null for null.
     static std::shared_ptr<TasksQueueShare> of(const TasksQueue *queue);
 
-    /// Null once the destruction has begun. Who uses it makes a TasksQueueVisit.
+    /// Null once the destruction has begun: to be compared, and used with the mutex locked. Who uses it otherwise makes
+    /// a TasksQueueVisit.
     TasksQueue *queue() const { return m_queue; }
     /// Called when the destructor begins: nobody else comes in. Calls \a letGo with the mutex locked, in the same step,
     /// and returns when no other thread is inside.
@@ -64,7 +65,10 @@ private:
     bool enter();
     void leave();
 
+    TasksQueue *const m_self;
     std::atomic<TasksQueue *> m_queue;
+    /// The thread that destroys the queue.
+    std::atomic<Qt::HANDLE> m_closer = nullptr;
     /// Threads that choose, react or announce for the queue.
     std::atomic<int> m_visits = 0;
     // Guarded by the mutex.
@@ -86,6 +90,9 @@ public:
     ~TasksQueueVisit();
     Q_DISABLE_COPY_MOVE(TasksQueueVisit)
 
+    /// Null when this thread has destroyed the queue, or the queue was gone before the visit.
+    TasksQueue *queue() const;
+    /// Whether there is something left to do for the queue, whose destruction may have begun on another thread.
     bool isInside() const { return m_share->queue(); }
 
 private:

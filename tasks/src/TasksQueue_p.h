@@ -128,7 +128,7 @@ public:
 
     // These are called with the lock held, and with tasks that are not past aboutToDestroy().
     Entry *entryOf(const Task *task) const;
-    /// Null when another queue has taken the task.
+    /// Null when another queue has taken the task, or this one is being destroyed.
     Entry *ensureEntry(Task *task);
     bool isPending(const Task *task) const;
     bool isBeingStarted(const Entry *entry) const;

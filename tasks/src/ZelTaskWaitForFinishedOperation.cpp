@@ -1,6 +1,7 @@
 #include <zel/tasks/ZelTaskWaitForFinishedOperation.h>
 
 #include "BaseTask_p.h"
+#include "CoroutineHandover.h"
 
 #include <QMutexLocker>
 #include <QPointer>
@@ -13,9 +14,15 @@ namespace QCoro::detail {
 
 /// Shared with what is posted for the awaiter, which finds no coroutine to resume once that was done or is gone.
 class Q_DECL_HIDDEN ZelTaskWaitForFinishedOperation::Record final : public zel::TaskWatcher,
+                                                                    public zel::CoroutineHandover::Suspended,
                                                                     public std::enable_shared_from_this<Record> {
 public:
     explicit Record(const zel::BaseTask *awaited) : life(awaited ? zel::TaskLife::of(awaited) : nullptr) { }
+    ~Record() override
+    {
+        if (m_courier)
+            m_courier->deleteLater();
+    }
 
     bool isGone() const { return !life || !life->task(); }
     bool isToBeWaitedFor() const { return !isGone() && life->state() != zel::BaseTask::Finished; }
@@ -28,6 +35,7 @@ public:
 
     void onEnded(const zel::BaseTask *awaited, bool isAnnounced) override;
     void onDestroyed(const zel::BaseTask *awaited, const zel::Error &error) override;
+    void onHandedOver() override;
 
     /// Null when there was no task.
     const std::shared_ptr<zel::TaskLife> life;
@@ -36,8 +44,7 @@ private:
     void disconnectTask(const QMetaObject::Connection &connection) const;
     void postResume(QObject *context, int turns);
     void resumeIn(QThread *thread);
-    void awaitHandover();
-    void onHandedOver();
+    void send(QObject *courier);
 
     // Guarded by the mutex of the life.
     std::coroutine_handle<> m_awaiting;
@@ -48,8 +55,8 @@ private:
     std::optional<quint64> m_endedRun;
     QMetaObject::Connection m_connection;
     bool m_isHandedOver = true;
-    /// Was to be resumed before it was handed over.
-    bool m_isDue = false;
+    /// In the thread in which the coroutine was to be resumed before it was handed over.
+    QObject *m_courier = nullptr;
 };
 
 void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awaitingCoroutine)
@@ -61,7 +68,7 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
     const BaseTask *awaited = visit.task();
     QMetaObject::Connection connection;
     if (awaited && awaited->thread() != QThread::currentThread())
-        awaitHandover();
+        m_isHandedOver = !zel::CoroutineHandover::tells(weak_from_this());
     if (awaited) {
         connection = QObject::connect(
             awaited, &BaseTask::finished, BaseTask::Private::of(awaited),
@@ -115,39 +122,33 @@ void ZelTaskWaitForFinishedOperation::Record::resume()
 {
     {
         const QMutexLocker locker(life->mutex());
-        m_isDue = !m_isHandedOver && m_awaitingThread != QThread::currentThread();
-        if (m_isDue)
+        if (!m_isHandedOver && m_awaitingThread != QThread::currentThread()) {
+            if (!m_courier)
+                m_courier = new QObject;
             return;
+        }
     }
-    if (const auto awaiting = detach())
+    if (const auto awaiting = detach()) {
+        const zel::CoroutineHandover handover;
         awaiting.resume();
-}
-
-// Coroutines are passed from caller to caller without any lock. One that goes on in another thread waits until the
-// thread that it comes from is through with that: back in its event loop, or finished.
-void ZelTaskWaitForFinishedOperation::Record::awaitHandover()
-{
-    m_isHandedOver = false;
-    auto *courier = new QObject;
-    const auto deliver = [courier, weak = weak_from_this()] {
-        courier->deleteLater();
-        if (const auto record = weak.lock())
-            record->onHandedOver();
-    };
-    QObject::connect(QThread::currentThread(), &QThread::finished, courier, deliver, Qt::DirectConnection);
-    QMetaObject::invokeMethod(courier, deliver, Qt::QueuedConnection);
+    }
 }
 
 void ZelTaskWaitForFinishedOperation::Record::onHandedOver()
 {
+    QObject *courier = nullptr;
     {
         const QMutexLocker locker(life->mutex());
         m_isHandedOver = true;
-        if (!std::exchange(m_isDue, false))
-            return;
+        courier = std::exchange(m_courier, nullptr);
     }
-    const zel::TaskVisit visit(life);
-    resumeIn(visit.isInside() ? visit.task()->thread() : nullptr);
+    if (!courier)
+        return;
+    const QThread *thread = courier->thread();
+    if (thread && !thread->isFinished())
+        return send(courier);
+    delete courier;
+    resume();
 }
 
 // In that of the awaiting coroutine, if there is none.
@@ -157,6 +158,12 @@ void ZelTaskWaitForFinishedOperation::Record::resumeIn(QThread *thread)
         thread = m_awaitingThread;
     auto *courier = new QObject;
     courier->moveToThread(thread);
+    send(courier);
+}
+
+// Resumes the coroutine in the thread of the courier, which goes.
+void ZelTaskWaitForFinishedOperation::Record::send(QObject *courier)
+{
     const auto deliver = [courier, weak = weak_from_this()] {
         courier->deleteLater();
         if (const auto record = weak.lock())

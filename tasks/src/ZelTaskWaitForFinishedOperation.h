@@ -20,7 +20,6 @@ namespace QCoro::detail {
  *
  * The awaiting coroutine resumes from the event loop of the thread in which the task lives, after the handlers that
  * finished() calls directly, and gets the task's error. It does not suspend when the task has finished already.
- * When that is another thread than the coroutine's, it waits until its own one is back in an event loop.
  * When the task is destroyed meanwhile, the coroutine resumes with GeneralError; when it is set finished without
  * finished(), with the task's error. A coroutine that is destroyed while it is suspended here is not resumed.
  */

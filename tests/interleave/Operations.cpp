@@ -175,6 +175,9 @@ void moveQueue(World &world)
     queue->moveToThread(target);
     if (random(2)) {
         world.losesTasks = true;
+        ++world.leavingQueues;
+        QObject::connect(
+            queue, &QObject::destroyed, queue, [&world] { --world.leavingQueues; }, Qt::DirectConnection);
         queue->deleteLater();
         return;
     }

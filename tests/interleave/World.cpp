@@ -348,6 +348,11 @@ void World::settle()
 void World::checkOutcomes()
 {
     // Whoever ends a task has changed its state before the signals come.
+    std::vector<bool> haveFinished;
+    for (auto &place : tasks) {
+        const TaskUse task(&place);
+        haveFinished.push_back(task && task->isFinished());
+    }
     everywhere([](Actor *) {});
     for (const auto &watch : m_allWatches) {
         if (const char *complaint = watch->complaint()) {
@@ -357,7 +362,7 @@ void World::checkOutcomes()
     }
     for (auto &place : tasks) {
         const TaskUse task(&place);
-        if (!task || !task->isFinished() || m_hasGroups)
+        if (!task || !haveFinished.at(size_t(place.number)) || m_hasGroups)
             continue;
         const auto watch = watchOf(task);
         if (watch->finishes == 0)
@@ -384,6 +389,7 @@ void World::run()
         for (auto &place : tasks)
             delete (place.home == actor ? place.tryTake() : nullptr);
     });
+    until([this] { return leavingQueues > 0 ? "a queue is not destroyed" : nullptr; }, [](Actor *) {});
     for (int lap = 0; lap < 3; ++lap)
         everywhere([](Actor *) {});
     everywhere([](Actor *actor) {

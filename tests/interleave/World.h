@@ -139,6 +139,8 @@ public:
     std::vector<Place<zel::TasksQueue>> queues;
     std::atomic<int> awaits = 0;
     std::atomic<int> works = 0;
+    /// Queues that were moved, to be destroyed there.
+    std::atomic<int> leavingQueues = 0;
     /// Pending tasks were dropped, so that complex tasks may wait for ever.
     std::atomic<bool> losesTasks = false;
 
