@@ -127,34 +127,54 @@ std::shared_ptr<TasksQueueShare> BaseTask::Private::queueShare() const
     return queue;
 }
 
+void BaseTask::Private::finish(const Error &error, bool isCancel)
+{
+    TaskVisit visit(life);
+    endRun(visit, error, {}, isCancel);
+}
+
+void BaseTask::Private::finishRun(quint64 run, const Error &error)
+{
+    TaskVisit visit(life);
+    endRun(visit, error, run, false);
+}
+
+void BaseTask::Private::finishRun(TaskVisit &visit, quint64 run, const Error &error)
+{
+    endRun(visit, error, run, false);
+}
+
 // The one way in which a run ends with finished(). A handler may delete the task, or set it idle or running again: what
 // follows belongs to this run.
-void BaseTask::Private::endRun(Error error, std::optional<quint64> meantRun, bool isCancel)
+void BaseTask::Private::endRun(TaskVisit &visit, const Error &error, std::optional<quint64> meantRun, bool isCancel)
 {
-    BaseTask *const task = q;
-    TaskVisit visit(life);
     const std::shared_ptr<TaskLife> &shared = visit.life();
-    const quint64 run = visit.isInside() ? shared->claimEnd(meantRun) : 0;
+    BaseTask *const task = visit.task();
+    // canceled() comes before the error is there.
+    const bool cancels = error.equals(Canceled);
+    const quint64 run = task ? shared->claimEnd(meantRun, cancels ? nullptr : &error) : 0;
     if (run == 0)
         return;
+    const quint64 outerRun = visit.endedRun();
     visit.setEndedRun(run);
+    const auto through = qScopeGuard([&visit, outerRun] { visit.setEndedRun(outerRun); });
     auto abandoned = qScopeGuard([&shared, run] { shared->releaseEnd(run); });
     const auto goesOn = [&shared, run] { return shared->isIn(run); };
 
     if (isCancel)
         qCInfo(tasksLog) << "Task" << task->name() << "=> Canceled";
-    if (error.equals(Canceled) && shared->setCanceled(run))
+    if (cancels && shared->setCanceled(run))
         Q_EMIT task->canceled();
     if (!goesOn())
         return;
     if (error.hasError())
         qCDebug(tasksLog) << "Setting error" << error;
-    if (!shared->storeError(run, error))
+    if (cancels && !shared->storeError(run, error))
         return;
     Q_EMIT task->errorChanged(error);
     if (!goesOn())
         return;
-    const bool deleteAfterwards = deleteOnFinished;
+    const bool deleteAfterwards = task->d->deleteOnFinished;
     task->finalize();
     if (!goesOn())
         return;
@@ -177,9 +197,9 @@ void BaseTask::Private::endRun(Error error, std::optional<quint64> meantRun, boo
     abandoned.dismiss();
     const quint64 over = change->run;
     const auto isOver = [&shared, over] { return shared->isIn(over); };
-    announceState(shared, *change, Finished);
+    task->d->announceState(shared, *change, Finished);
     if (isOver())
-        announceFinished();
+        task->d->announceFinished();
     if (isOver())
         Q_EMIT task->finished();
     // Groups that were not reached by finished(), because the task is gone or idle again.
@@ -462,17 +482,21 @@ void BaseTask::resume()
 
 void BaseTask::finalize()
 {
-    const TaskVisit visit(d->life);
     qCDebug(tasksLog) << "Task" << name() << "=> Finalizing";
     // finish() means the run that it ends, which may be over by now.
-    d->changeState(visit, Finalizing, TaskVisit::runBeingEnded(visit.life().get()));
-    if (visit.life()->task())
+    std::optional<TaskVisit> own;
+    const TaskVisit *visit = TaskVisit::endingOf(d->life.get());
+    const auto meantRun = visit ? std::optional(visit->endedRun()) : std::nullopt;
+    if (!visit)
+        visit = &own.emplace(d->life);
+    d->changeState(*visit, Finalizing, meantRun);
+    if (visit->life()->task())
         Q_EMIT finalizing();
 }
 
 void BaseTask::finish(Err err)
 {
-    d->finish(std::move(err));
+    d->finish(err);
 }
 
 void BaseTask::setIdle()

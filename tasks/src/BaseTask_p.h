@@ -13,7 +13,6 @@
 #include <atomic>
 #include <memory>
 #include <optional>
-#include <utility>
 
 namespace zel {
 
@@ -42,9 +41,10 @@ public:
     /// What whoever waits gets when the task is destroyed first.
     static Error destroyedError();
 
-    void finish(Error error, bool isCancel = false) { endRun(std::move(error), {}, isCancel); }
+    void finish(const Error &error, bool isCancel = false);
     /// Unless another run has begun.
-    void finishRun(quint64 run, Error error) { endRun(std::move(error), run, false); }
+    void finishRun(quint64 run, const Error &error);
+    static void finishRun(TaskVisit &visit, quint64 run, const Error &error);
     /// Ends the run without finished(), unless somebody else ends it. Returns whether it did.
     bool finishQuietly();
     void announceRunning(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change);
@@ -77,7 +77,7 @@ Q_SIGNALS:
 
 private:
     class Wait;
-    void endRun(Error error, std::optional<quint64> meantRun, bool isCancel);
+    static void endRun(TaskVisit &visit, const Error &error, std::optional<quint64> meantRun, bool isCancel);
     void announceState(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change, State state);
     void postDeletion();
 

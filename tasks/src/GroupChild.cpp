@@ -14,18 +14,19 @@ template <typename Handle>
 void tell(const std::shared_ptr<GroupChild> &child, Handle handle)
 {
     interleavingPoint("tell group");
-    const auto handleLocked = [link = child->link, handle = std::move(handle)] {
+    auto handleLocked = [child, handle = std::move(handle)]() mutable {
         // The lock first: whoever destroys the group in a handler holds it, and would wait for the visit.
-        GroupLocker::notify(link->mutex, [link, handle] {
-            const TaskVisit visit(link->life);
+        GroupLink *const link = child->link.get();
+        GroupLocker::notify(link->mutex, [child = std::move(child), handle = std::move(handle)] {
+            const TaskVisit visit(child->link->life);
             if (visit.isInside())
-                handle(visit);
+                handle(GroupTask::Private::of(visit), child);
         });
     };
     if (child->connectionType == Qt::DirectConnection)
         handleLocked();
     else
-        deliverTo(child->link->life, handleLocked, child->connectionType);
+        deliverTo(child->link->life, std::move(handleLocked), child->connectionType);
 }
 
 } // namespace
@@ -39,9 +40,9 @@ void GroupChild::reportStart(const std::shared_ptr<GroupChild> &child)
     if (child->reportedRun < run)
         child->begunRun = run;
     ++child->link->startsUnderWay;
-    tell(child, [child, run, use = child->link->use.load()](const TaskVisit &group) {
-        --child->link->startsUnderWay;
-        GroupTask::Private::of(group)->onChildStarted(child, run, use);
+    tell(child, [run, use = child->link->use.load()](auto *group, const auto &told) {
+        --told->link->startsUnderWay;
+        group->onChildStarted(told, run, use);
     });
 }
 
@@ -52,8 +53,8 @@ void GroupChild::reportEnd(const std::shared_ptr<GroupChild> &child, quint64 run
         if (reported >= run)
             return;
     } while (!child->reportedRun.compare_exchange_weak(reported, run));
-    tell(child, [child, run, use = child->link->use.load(), error](const TaskVisit &group) {
-        GroupTask::Private::of(group)->onChildFinished(child, run, use, error);
+    tell(child, [run, use = child->link->use.load(), error](auto *group, const auto &told) {
+        group->onChildFinished(told, run, use, error);
     });
 }
 
@@ -61,9 +62,7 @@ void GroupChild::reportProgress(const std::shared_ptr<GroupChild> &child, int va
 {
     if (!child->isListed)
         return;
-    tell(child, [child, value, total](const TaskVisit &group) {
-        GroupTask::Private::of(group)->onChildProgress(child, value, total);
-    });
+    tell(child, [value, total](auto *group, const auto &told) { group->onChildProgress(told, value, total); });
 }
 
 void GroupChild::reportMissedEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error)

@@ -41,17 +41,6 @@ GroupLocker::~GroupLocker()
     interleavingPoint("unlocked group");
 }
 
-void GroupLocker::notify(const Mutex &mutex, std::function<void()> call)
-{
-    if (!isAnyHeld())
-        return lockAndCall(mutex, std::move(call));
-    if (!mutex->tryLock())
-        return callUnlocked([mutex, call = std::move(call)] { lockAndCall(mutex, call); });
-    // This thread holds another one: its owner calls what is put off.
-    const GroupLocker locker(mutex, std::adopt_lock);
-    call();
-}
-
 void GroupLocker::callUnlocked(std::function<void()> call)
 {
     if (isAnyHeld())

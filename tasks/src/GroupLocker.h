@@ -24,7 +24,8 @@ public:
     template <typename Call>
     static void lockAndCall(const Mutex &mutex, Call &&call);
     /// The same for a notification that may wait: later, when another thread has the lock and this one holds others.
-    static void notify(const Mutex &mutex, std::function<void()> call);
+    template <typename Call>
+    static void notify(const Mutex &mutex, Call call);
     /// Calls when this thread holds no lock of a group.
     static void callUnlocked(std::function<void()> call);
 
@@ -53,6 +54,18 @@ void GroupLocker::lockAndCall(const Mutex &mutex, Call &&call)
         throw;
     }
     callPutOff();
+}
+
+template <typename Call>
+void GroupLocker::notify(const Mutex &mutex, Call call)
+{
+    if (!isAnyHeld())
+        return lockAndCall(mutex, call);
+    if (!mutex->tryLock())
+        return callUnlocked([mutex, call = std::move(call)]() mutable { lockAndCall(mutex, call); });
+    // This thread holds another one: its owner calls what is put off.
+    const GroupLocker locker(mutex, std::adopt_lock);
+    call();
 }
 
 } // namespace zel

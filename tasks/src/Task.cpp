@@ -183,14 +183,14 @@ QCoro::Task<> Task::Private::finishWith(std::shared_ptr<TaskLife> life, quint64 
         result = unhandledException(std::current_exception());
     }
     interleavingPoint("coroutine completed");
-    const TaskVisit visit(life);
+    TaskVisit visit(life);
     if (!visit.isInside() || !life->isIn(run))
         co_return;
     TaskStart::setReturning(life.get(), true);
     // What handlers throw, and work that starts in the place of this task, would be lost in the coroutine.
     const NothingLeaves here;
     try {
-        BaseTask::Private::of(visit.task())->finishRun(run, result);
+        BaseTask::Private::finishRun(visit, run, result);
     } catch (const abi::__forced_unwind &) {
         throw;
     } catch (...) {
@@ -386,12 +386,14 @@ Task::Task(ExecutionMode mode, QObject *parent) : BaseTask(parent), d(std::make_
 
 Task::Task(std::function<Error()> function, ExecutionMode mode, QObject *parent) : Task(mode, parent)
 {
-    setFunction(std::move(function));
+    if (function)
+        d->function = std::move(function);
 }
 
 Task::Task(std::function<Error(Task *)> function, ExecutionMode mode, QObject *parent) : Task(mode, parent)
 {
-    setFunction(std::move(function));
+    if (function)
+        d->function = std::move(function);
 }
 
 Task::Task(std::function<QCoro::Task<Error>()> factory, QObject *parent) : Task(Coroutine, parent)
@@ -526,7 +528,7 @@ void Task::bindMutually(const Task *task)
 void Task::exec()
 {
     const quint64 seenRun = TaskLife::of(this)->run();
-    const TaskVisit visit(TaskLife::of(this));
+    TaskVisit visit(TaskLife::of(this));
     const std::shared_ptr<TaskLife> &life = visit.life();
     TaskStart *const start = TaskStart::unusedOf(life.get());
     const auto change = visit.isInside() ? life->begin(start ? start->use() : 0, seenRun) : std::nullopt;
@@ -563,7 +565,7 @@ void Task::exec()
         if (!life->isIn(run) || (!isSynchronous && !result.hasError()))
             break;
         TaskStart::setReturning(life.get(), true);
-        BaseTask::Private::of(this)->finishRun(run, result);
+        BaseTask::Private::finishRun(visit, run, result);
         break;
     }
     }

@@ -53,13 +53,15 @@ std::optional<TaskLife::Change> TaskLife::begin(quint64 claim, quint64 seenRun)
     return move(BaseTask::Running, Plainly);
 }
 
-quint64 TaskLife::claimEnd(std::optional<quint64> meantRun)
+quint64 TaskLife::claimEnd(std::optional<quint64> meantRun, const Error *error)
 {
     interleavingPoint("claim end");
     const QMutexLocker locker(&m_mutex);
     if (!task() || m_state == BaseTask::Finished || isEnding() || (meantRun && m_run != meantRun))
         return 0;
     m_endingRun = m_run.load();
+    if (error)
+        task()->storeError(*error);
     return m_run;
 }
 
@@ -326,13 +328,12 @@ void TaskVisit::leaveWork(const TaskLife *life)
     }
 }
 
-std::optional<quint64> TaskVisit::runBeingEnded(const TaskLife *life)
+const TaskVisit *TaskVisit::endingOf(const TaskLife *life)
 {
-    for (const TaskVisit *visit = innermostVisit; visit; visit = visit->m_outer) {
-        if (visit->m_endedRun != 0 && visit->m_life.get() == life)
-            return visit->m_endedRun;
-    }
-    return {};
+    const TaskVisit *visit = innermostVisit;
+    while (visit && (visit->m_endedRun == 0 || visit->m_life.get() != life))
+        visit = visit->m_outer;
+    return visit;
 }
 
 int TaskVisit::countOnThisThread(const TaskLife *life, size_t kind)

@@ -91,8 +91,8 @@ public:
     /// somebody else starts it or has ended it, or the reservation was taken back.
     std::optional<Change> begin(quint64 claim, quint64 seenRun);
     /// The number of the run that the caller is to end; 0 when it has ended, or somebody else ends it, or it is not the
-    /// one that is meant.
-    quint64 claimEnd(std::optional<quint64> meantRun = {});
+    /// one that is meant. Makes \a error that of the task, if one is given.
+    quint64 claimEnd(std::optional<quint64> meantRun = {}, const Error *error = nullptr);
     /// Leaves the run that was not ended after all to others.
     void releaseEnd(quint64 run);
     /// Ends the run, for whoever has claimed that: none when the task was set idle or running again meanwhile.
@@ -205,10 +205,11 @@ public:
 
     /// Ends this thread's visits of the work of a task: it goes on without the task.
     static void leaveWork(const TaskLife *life);
-    /// The run of the task that finish() on this thread's stack is ending; none if there is no such call.
-    static std::optional<quint64> runBeingEnded(const TaskLife *life);
-    /// Says that this visit ends \a run.
+    /// The visit of the finish() on this thread's stack that ends a run of the task; null if there is none.
+    static const TaskVisit *endingOf(const TaskLife *life);
+    /// Says which run this visit ends; 0 when it is through.
     void setEndedRun(quint64 run) { m_endedRun = run; }
+    quint64 endedRun() const { return m_endedRun; }
 
 private:
     friend class TaskLife;

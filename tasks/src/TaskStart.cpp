@@ -19,8 +19,8 @@ int nextDepth(const TasksQueueShare *share)
 
 } // namespace
 
-TaskStart::TaskStart(std::shared_ptr<TaskLife> life, quint64 claim, const TasksQueueShare *share)
-    : m_life(std::move(life))
+TaskStart::TaskStart(TaskLife *life, quint64 claim, const TasksQueueShare *share)
+    : m_life(life)
     , m_claim(claim)
     , m_share(share)
     , m_loopLevel(QThread::currentThread()->loopLevel())
@@ -41,7 +41,7 @@ TaskStart::~TaskStart()
 TaskStart *TaskStart::unusedOf(const TaskLife *life)
 {
     TaskStart *start = innermostStart;
-    while (start && (start->m_life.get() != life || start->m_isUsed))
+    while (start && (start->m_life != life || start->m_isUsed))
         start = start->m_outer;
     return start;
 }
@@ -57,7 +57,7 @@ const TaskStart *TaskStart::innermostOf(const TasksQueueShare *share)
 void TaskStart::setReturning(const TaskLife *life, bool isReturning)
 {
     TaskStart *start = innermostStart;
-    while (start && start->m_life.get() != life)
+    while (start && start->m_life != life)
         start = start->m_outer;
     if (start)
         start->m_isReturning = isReturning;

@@ -2,8 +2,6 @@
 
 #include "TaskLife.h"
 
-#include <memory>
-
 namespace zel {
 
 class TasksQueueShare;
@@ -17,7 +15,8 @@ class TasksQueueShare;
  */
 class TaskStart {
 public:
-    TaskStart(std::shared_ptr<TaskLife> life, quint64 claim, const TasksQueueShare *share = nullptr);
+    /// The caller keeps the life.
+    TaskStart(TaskLife *life, quint64 claim, const TasksQueueShare *share);
     explicit TaskStart(const TasksQueueShare *share);
     /// Takes the claim back if nobody has used it.
     ~TaskStart();
@@ -32,14 +31,14 @@ public:
     quint64 use();
     /// The queue that makes the start, null when nobody does.
     const TasksQueueShare *share() const { return m_share; }
-    bool isOfTask() const { return bool(m_life); }
+    bool isOfTask() const { return m_life; }
     bool isReturning() const { return m_isReturning; }
     int loopLevel() const { return m_loopLevel; }
     /// How many starts of the same queue are on the stack, this one included.
     int depth() const { return m_depth; }
 
 private:
-    const std::shared_ptr<TaskLife> m_life;
+    TaskLife *const m_life;
     const quint64 m_claim;
     const TasksQueueShare *const m_share;
     const int m_loopLevel;

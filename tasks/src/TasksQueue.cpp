@@ -227,7 +227,7 @@ bool TasksQueue::Private::startPending(quint64 &servedRequests)
             if (!take(hand, task))
                 continue;
             try {
-                const TaskStart start(hand.life, hand.claim, shared.get());
+                const TaskStart start(hand.life.get(), hand.claim, shared.get());
                 queue->exec(task);
             } catch (const abi::__forced_unwind &) {
                 throw;
@@ -331,8 +331,7 @@ void TasksQueue::Private::abandonStart(const TasksQueueHand &hand)
 void TasksQueue::Private::takeFromOtherQueue(Task *task)
 {
     const Share other = task->d->queueShare();
-    const bool isRefused = task->priority() < 0 || task->priority() > q->maxPriority();
-    if (!other || other == share || isRefused)
+    if (!other || other == share || task->priority() < 0 || task->priority() > q->maxPriority())
         return;
     const TasksQueueVisit visit(other);
     if (TasksQueue *queue = visit.queue())
@@ -736,10 +735,10 @@ void TasksQueue::Private::move(Entry *entry, Entry::Place place, Entries &to, En
 {
     const Entry::Place left = entry->place;
     Entries &from = listOf(*entry);
-    pendingCount -= int(entry->isPending());
+    const bool wasPending = entry->isPending();
     to.splice(before, from, entry->self);
     entry->place = place;
-    pendingCount += int(entry->isPending());
+    pendingCount.add(int(entry->isPending()) - int(wasPending));
     if (entry->isCounted && place != Entry::Claimed && place != Entry::Running && place != Entry::Leaving)
         setCounted(entry, false);
     if (left == Entry::Returned)
@@ -750,7 +749,7 @@ void TasksQueue::Private::move(Entry *entry, Entry::Place place, Entries &to, En
 
 void TasksQueue::Private::setCounted(Entry *entry, bool isCounted)
 {
-    countedRunning += int(isCounted) - int(entry->isCounted);
+    countedRunning.add(int(isCounted) - int(entry->isCounted));
     entry->isCounted = isCounted;
 }
 
@@ -783,13 +782,11 @@ void TasksQueue::setName(const QString &name)
 
 TasksQueue::State TasksQueue::state() const
 {
-    const Lock locker(&d->share->mutex);
     return d->state;
 }
 
 int TasksQueue::maxPriority() const
 {
-    const Lock locker(&d->share->mutex);
     return d->maxPriority;
 }
 
@@ -801,7 +798,6 @@ void TasksQueue::setMaxPriority(int priority)
 
 int TasksQueue::maxRunningTasksCount() const
 {
-    const Lock locker(&d->share->mutex);
     return d->maxRunning;
 }
 
@@ -916,8 +912,8 @@ void TasksQueue::removeTask(Task *task)
 {
     if (!task)
         return;
-    const Private::Share share = d->share;
-    const TasksQueueVisit visit(share);
+    const TasksQueueVisit visit(d->share);
+    TasksQueueShare *const share = visit.share();
     Handling *handling = Handling::of(task);
     {
         // Unlinked before the dispatch, which would start the very task that is taken out.
@@ -936,19 +932,16 @@ void TasksQueue::removeTask(Task *task)
 
 bool TasksQueue::isEmpty() const
 {
-    const Lock locker(&d->share->mutex);
     return d->pendingCount == 0;
 }
 
 int TasksQueue::pendingTasksCount() const
 {
-    const Lock locker(&d->share->mutex);
     return d->pendingCount;
 }
 
 int TasksQueue::runningTasksCount() const
 {
-    const Lock locker(&d->share->mutex);
     return d->countedRunning;
 }
 
@@ -1007,15 +1000,15 @@ void TasksQueue::resume()
 
 void TasksQueue::tryExec()
 {
-    const Private::Share share = d->share;
-    const TasksQueueVisit visit(share);
+    const TasksQueueVisit visit(d->share);
+    TasksQueueShare *const share = visit.share();
     if (!visit.isInside())
         return;
     quint64 request = 0;
     bool isPaused = false;
     bool isPutOff = false;
     {
-        const Destruction *destruction = Destruction::of(share.get());
+        const Destruction *destruction = Destruction::of(share);
         const Lock locker(&share->mutex);
         if (destruction && destruction->isForeign)
             return share->postDispatch();
@@ -1029,7 +1022,7 @@ void TasksQueue::tryExec()
     }
     interleavingPoint("dispatch");
     if (isPutOff)
-        return TasksQueueShare::dispatch(share);
+        return TasksQueueShare::dispatch(share->shared_from_this());
     if (isPaused) {
         qCInfo(tasksLog) << name() << "paused";
         return;
@@ -1137,8 +1130,8 @@ void TasksQueue::addTask(Task *task, EnqueueMode mode)
 
 void TasksQueue::onTaskFinished(Task *task)
 {
-    const Private::Share share = d->share;
-    const TasksQueueVisit visit(share);
+    const TasksQueueVisit visit(d->share);
+    TasksQueueShare *const share = visit.share();
     if (!task) {
         qCDebug(tasksLog) << "Null task finished!";
         tryExec();
@@ -1160,7 +1153,7 @@ void TasksQueue::onTaskFinished(Task *task)
         if (!entry || TaskLife::of(task)->endedRun() == 0)
             return;
         stay = entry->stay;
-        clears = task->hasError() && d->errorPolicy == ClearOnError;
+        clears = d->errorPolicy == ClearOnError && task->hasError();
         handling->deletes = !clears && d->cleanupMode == DeleteFinished;
     }
     if (clears) {

@@ -104,10 +104,11 @@ void TasksQueueShare::leave()
         departure::announce();
 }
 
-TasksQueueVisit::TasksQueueVisit(std::shared_ptr<TasksQueueShare> share)
-    : m_share(std::move(share))
+TasksQueueVisit::TasksQueueVisit(const std::shared_ptr<TasksQueueShare> &share)
+    : m_share(share.get())
+    , m_kept(presentOf(m_share) ? nullptr : share)
     , m_outer(innermostVisit)
-    , m_isPresent(!presentOf(m_share.get()) && m_share->enter())
+    , m_isPresent(m_kept && m_share->enter())
 {
     innermostVisit = this;
 }
@@ -124,14 +125,14 @@ TasksQueue *TasksQueueVisit::queue() const
     if (TasksQueue *open = m_share->queue())
         return open;
     // Another thread that destroys it waits for this one.
-    const bool isKept = presentOf(m_share.get()) && m_share->m_closer != QThread::currentThreadId();
+    const bool isKept = presentOf(m_share) && m_share->m_closer != QThread::currentThreadId();
     return isKept ? m_share->m_self : nullptr;
 }
 
 TasksQueueVisit *TasksQueueVisit::presentOf(const TasksQueueShare *share)
 {
     TasksQueueVisit *visit = innermostVisit;
-    while (visit && (!visit->m_isPresent || visit->m_share.get() != share))
+    while (visit && (!visit->m_isPresent || visit->m_share != share))
         visit = visit->m_outer;
     return visit;
 }

@@ -86,10 +86,12 @@ private:
  */
 class TasksQueueVisit {
 public:
-    explicit TasksQueueVisit(std::shared_ptr<TasksQueueShare> share);
+    explicit TasksQueueVisit(const std::shared_ptr<TasksQueueShare> &share);
     ~TasksQueueVisit();
     Q_DISABLE_COPY_MOVE(TasksQueueVisit)
 
+    /// Lives as long as the visit, also when the queue does not.
+    TasksQueueShare *share() const { return m_share; }
     /// Null when this thread has destroyed the queue, or the queue was gone before the visit.
     TasksQueue *queue() const;
     /// Whether there is something left to do for the queue, whose destruction may have begun on another thread.
@@ -100,7 +102,9 @@ private:
     friend class TasksQueueAbsence;
     static TasksQueueVisit *presentOf(const TasksQueueShare *share);
 
-    const std::shared_ptr<TasksQueueShare> m_share;
+    TasksQueueShare *const m_share;
+    /// Null while a visit below keeps it.
+    const std::shared_ptr<TasksQueueShare> m_kept;
     TasksQueueVisit *const m_outer;
     bool m_isPresent = false; ///< counts this thread
 };

@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QString>
 
+#include <atomic>
 #include <deque>
 #include <list>
 #include <map>
@@ -98,6 +99,20 @@ private:
     TasksQueueHand *const m_outer;
 };
 
+/// Changed with the queue's lock held, and read without.
+class TasksQueueCount {
+public:
+    operator int() const { return m_count.load(std::memory_order_acquire); }
+    void add(int difference)
+    {
+        if (difference != 0)
+            m_count.store(m_count.load(std::memory_order_relaxed) + difference, std::memory_order_release);
+    }
+
+private:
+    std::atomic<int> m_count = 0;
+};
+
 /// Each entry stands in exactly one of the lists; the task leads to its entry.
 class Q_DECL_HIDDEN TasksQueue::Private : public QObject {
     Q_OBJECT
@@ -148,12 +163,13 @@ public:
     const Share share;
 
     QString name;
-    State state = Idle;
     Qt::ConnectionType connectionType = Qt::QueuedConnection;
-    int maxRunning;
     CleanupMode cleanupMode = KeepFinished;
     TaskErrorPolicy errorPolicy = ContinueOnError;
-    int maxPriority = 10;
+    // Written with the lock held, and read without by those who only ask.
+    std::atomic<State> state = Idle;
+    std::atomic<int> maxRunning;
+    std::atomic<int> maxPriority = 10;
 
     /// Ready entries by priority, each list in order; no list is empty.
     std::map<int, Entries> ready;
@@ -168,9 +184,9 @@ public:
     /// The calls of clear() that are under way, on all threads.
     std::vector<TasksQueueClearing *> clearings;
     /// Sizes of the ready, parked and returned lists together.
-    int pendingCount = 0;
+    TasksQueueCount pendingCount;
     /// Entries that are counted: claimed and running ones, and those that clear() has not come to.
-    int countedRunning = 0;
+    TasksQueueCount countedRunning;
     quint64 lastStay = 0;
     qint64 firstOrder = 0;
     qint64 lastOrder = 0;

@@ -32,15 +32,8 @@ class BaseTask::Private::Wait final : public TaskWatcher {
 public:
     Wait(std::shared_ptr<TaskLife> life, Qt::ConnectionType wakeUp) : m_life(std::move(life)), m_wakeUp(wakeUp)
     {
-        const Error gone = destroyedError();
-        const QMutexLocker locker(m_life->mutex());
-        if (const BaseTask *task = m_life->task()) {
-            m_life->add(this);
-            if (m_life->state() == Finished)
-                onEnded(task, false);
-        } else {
-            end(gone);
-        }
+        if (!listen())
+            endWith(destroyedError());
     }
 
     ~Wait() { static_cast<void>(close()); }
@@ -74,6 +67,19 @@ public:
     void onDestroyed(const BaseTask *, const Error &error) override { end(m_outcome.value_or(error)); }
 
 private:
+    /// Returns false when the task is gone.
+    bool listen()
+    {
+        const QMutexLocker locker(m_life->mutex());
+        const BaseTask *task = m_life->task();
+        if (!task)
+            return false;
+        m_life->add(this);
+        if (m_life->state() == Finished)
+            onEnded(task, false);
+        return true;
+    }
+
     void end(const Error &error)
     {
         if (m_result)

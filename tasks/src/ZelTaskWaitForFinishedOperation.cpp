@@ -80,7 +80,6 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
     }
 
     // Another thread may have resumed the coroutine, or begun to destroy the task, since it was connected.
-    const zel::Error gone = BaseTask::Private::destroyedError();
     QMutexLocker locker(life->mutex());
     if (!m_awaiting) {
         locker.unlock();
@@ -88,8 +87,12 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
         return;
     }
     m_connection = connection;
-    if (!life->task())
+    if (!life->task()) {
+        locker.unlock();
+        const zel::Error gone = BaseTask::Private::destroyedError();
+        locker.relock();
         return onDestroyed(nullptr, gone);
+    }
     life->add(this);
     if (life->state() == BaseTask::Finished)
         onEnded(awaited, false);

@@ -4,13 +4,16 @@
 
 #include <Interleaving.h>
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QProcess>
 #include <QSemaphore>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
+using namespace Qt::StringLiterals;
 using namespace zel;
 
 thread_local Here here;
@@ -192,9 +195,21 @@ void World::react(GroupTask *group)
 void World::fail(const char *what)
 {
     std::fprintf(stderr, "FAILED: %s\n", what);
-    if (!m_isStuck)
+    if (m_isStuck)
+        showStacks();
+    else
         describe();
     std::abort();
+}
+
+// Where gdb is installed.
+void World::showStacks()
+{
+    QProcess gdb;
+    gdb.setProcessChannelMode(QProcess::ForwardedChannels);
+    gdb.start(u"gdb"_s, {u"--batch"_s, u"-p"_s, QString::number(QCoreApplication::applicationPid()), u"-ex"_s,
+                         u"thread apply all backtrace 25"_s});
+    gdb.waitForFinished(60'000);
 }
 
 void World::describe()

@@ -165,6 +165,7 @@ private:
     void endWaited(Actor *actor);
     void checkOutcomes();
     void describe();
+    static void showStacks();
     template <typename T>
     auto usesAt(std::vector<Place<T>> &places, Actor *actor);
 
