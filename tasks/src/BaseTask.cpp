@@ -189,9 +189,9 @@ void BaseTask::Private::endRun(TaskVisit &visit, const Error &error, std::option
         return;
     qCDebug(tasksLog) << "Task" << task->name() << "finished.";
     // The outcome is taken before any handler can destroy the task.
-    const TaskLife::Followers followers = shared->followers();
-    const Error outcome = followers.isEmpty() ? Error() : task->error();
-    const auto change = shared->complete(run, true);
+    const Error outcome = shared->hasFollowers() ? task->error() : failure.hasError() ? failure : error;
+    TaskLife::Followers followers;
+    const auto change = shared->complete(run, &followers);
     if (!change)
         return;
     abandoned.dismiss();
@@ -202,9 +202,8 @@ void BaseTask::Private::endRun(TaskVisit &visit, const Error &error, std::option
         task->d->announceFinished();
     if (isOver())
         Q_EMIT task->finished();
-    // Groups that were not reached by finished(), because the task is gone or idle again.
     for (const auto &child : followers)
-        GroupChild::reportMissedEnd(child, over, outcome);
+        GroupChild::reportEnd(child, over, outcome);
     if (deleteAfterwards && isOver())
         Q_EMIT task->selfDelete(BaseTask::QPrivateSignal());
 }
@@ -220,7 +219,7 @@ bool BaseTask::Private::finishQuietly()
     visit.setEndedRun(run);
     const auto abandoned = qScopeGuard([&shared, run] { shared->releaseEnd(run); });
     task->finalize();
-    const auto change = shared->complete(run, false);
+    const auto change = shared->complete(run);
     if (!change)
         return false;
     announceState(shared, *change, Finished);
@@ -252,7 +251,7 @@ void BaseTask::Private::changeState(const TaskVisit &visit, State state, std::op
     // What had finished is told of by its end.
     for (const auto &child : followers) {
         if (change->isReset && change->left != Finished)
-            GroupChild::reportMissedEnd(child, change->run, Error());
+            GroupChild::reportEnd(child, change->run, Error());
     }
     if (dispatching)
         TasksQueueShare::dispatch(dispatching);
@@ -278,10 +277,53 @@ void BaseTask::Private::announceRunning(const std::shared_ptr<TaskLife> &shared,
     if (!shared->isIn(change.run))
         return;
     const State left = shared->previousState();
-    if (left == Idle || left == Finished)
+    if (left == Idle || left == Finished) {
         Q_EMIT task->started();
+        reportStart(shared);
+    }
     if (shared->isIn(change.run) && left == Finished)
         Q_EMIT task->restarted();
+}
+
+// What groups follow is told to them behind the handlers, of which one may have destroyed the task.
+void BaseTask::Private::reportStart(const std::shared_ptr<TaskLife> &shared)
+{
+    if (!shared->task())
+        return;
+    for (const auto &child : shared->followers())
+        GroupChild::reportStart(child);
+}
+
+void BaseTask::Private::announceProgress(int value, int total)
+{
+    if (!life->hasFollowers()) {
+        Q_EMIT q->progress(value, total);
+        return;
+    }
+    const std::shared_ptr<TaskLife> shared = life;
+    Q_EMIT q->progress(value, total);
+    for (const auto &child : shared->followers())
+        GroupChild::reportProgress(child, value, total);
+}
+
+// Of a task that this one is bound to.
+void BaseTask::Private::passOnStarted()
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    Q_EMIT q->started();
+    reportStart(shared);
+}
+
+void BaseTask::Private::passOnFinished()
+{
+    const std::shared_ptr<TaskLife> shared = life;
+    const TaskLife::Followers followers = shared->followers();
+    const Error outcome = followers.isEmpty() ? Error() : q->error();
+    Q_EMIT q->finished();
+    if (const quint64 run = shared->endedRun()) {
+        for (const auto &child : followers)
+            GroupChild::reportEnd(child, run, outcome);
+    }
 }
 
 BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this)) { }
@@ -417,14 +459,14 @@ void BaseTask::bind(const BaseTask *source)
     const Private *from = source->d.get();
     connect(source, &BaseTask::finalizing, this, &BaseTask::finalizing);
     connect(from, &Private::finished, d.get(), &Private::announceFinished);
-    connect(source, &BaseTask::finished, this, &BaseTask::finished);
+    connect(source, &BaseTask::finished, d.get(), &Private::passOnFinished);
     connect(source, &BaseTask::stateChanged, this, &BaseTask::setState);
     connect(source, &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
-    connect(source, &BaseTask::progress, this, &BaseTask::progress);
+    connect(source, &BaseTask::progress, d.get(), &Private::announceProgress);
     connect(source, &BaseTask::progressTextChanged, this, &BaseTask::progressTextChanged);
     connect(source, &BaseTask::errorChanged, this, &BaseTask::setError);
     connect(from, &Private::resultChanged, this, &BaseTask::setVariantResult);
-    connect(source, &BaseTask::started, this, &BaseTask::started);
+    connect(source, &BaseTask::started, d.get(), &Private::passOnStarted);
     connect(source, &BaseTask::canceled, this, [this] {
         setCanceled(true);
         Q_EMIT canceled();
@@ -529,7 +571,7 @@ int BaseTask::totalProgress() const
 void BaseTask::setProgress(int value, int total)
 {
     d->figures = {value, total};
-    Q_EMIT progress(value, total);
+    d->announceProgress(value, total);
 }
 
 QString BaseTask::progressText() const

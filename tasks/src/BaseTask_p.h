@@ -80,6 +80,10 @@ private:
     static void endRun(TaskVisit &visit, const Error &error, std::optional<quint64> meantRun, bool isCancel);
     void announceState(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change, State state);
     void postDeletion();
+    static void reportStart(const std::shared_ptr<TaskLife> &shared);
+    void announceProgress(int value, int total);
+    void passOnStarted();
+    void passOnFinished();
 
     friend class BaseTask;
 };

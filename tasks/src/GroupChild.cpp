@@ -48,6 +48,9 @@ void GroupChild::reportStart(const std::shared_ptr<GroupChild> &child)
 
 void GroupChild::reportEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error)
 {
+    // One that runs again, begun by a handler, tells of that itself.
+    if (child->life->task() && child->life->endedRun() != run && child->life->state() != BaseTask::Idle)
+        return;
     quint64 reported = child->reportedRun;
     do {
         if (reported >= run)
@@ -63,13 +66,6 @@ void GroupChild::reportProgress(const std::shared_ptr<GroupChild> &child, int va
     if (!child->isListed)
         return;
     tell(child, [value, total](auto *group, const auto &told) { group->onChildProgress(told, value, total); });
-}
-
-void GroupChild::reportMissedEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error)
-{
-    // One that runs again, begun by a handler, tells of that itself.
-    if (!child->life->task() || child->life->endedRun() == run || child->life->state() == BaseTask::Idle)
-        reportEnd(child, run, error);
 }
 
 void GroupChild::noteIdle(const std::shared_ptr<GroupChild> &child)

@@ -56,7 +56,7 @@ void deliverTo(const std::shared_ptr<TaskLife> &life, Call &&call, Qt::Connectio
 }
 
 /**
- * One stay of a task in a group's list. Shared with what is connected and posted for it: a task that is appended again
+ * One stay of a task in a group's list. Shared with the task, which tells of itself, and with what is posted for it: a task that is appended again
  * begins another one. Guarded by the group's lock but for the atomic members.
  */
 struct GroupChild {
@@ -82,12 +82,9 @@ struct GroupChild {
     bool isWrapper = false;   ///< made by the group of a coroutine
     quint32 value = 0;        ///< its share of the sums
     quint32 total = 0;
-    // What its connections use, without the lock: set before they are made.
+    // Used without the lock: set before the task knows of it.
     std::shared_ptr<GroupLink> link;
     Qt::ConnectionType connectionType = Qt::AutoConnection;
-    QMetaObject::Connection started;
-    QMetaObject::Connection finished;
-    QMetaObject::Connection progress;
     // Numbers of the child's runs; that of a run that has ended is larger than what it was when it began.
     quint64 handledRun = 0; ///< whose end was handled
     /// The last that is known to have begun, or to be awaited: earlier ends are of no interest.
@@ -101,11 +98,9 @@ struct GroupChild {
 
     // On the thread that starts or ends the child, without the lock, and when the group may be gone.
     static void reportStart(const std::shared_ptr<GroupChild> &child);
-    /// Once for each run.
+    /// Once for each run, and not when another one has begun.
     static void reportEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error);
     static void reportProgress(const std::shared_ptr<GroupChild> &child, int value, int total);
-    /// The end of a run that no handler of finished() has told the group of, and none will.
-    static void reportMissedEnd(const std::shared_ptr<GroupChild> &child, quint64 run, const Error &error);
     /// It has not started any more.
     static void noteIdle(const std::shared_ptr<GroupChild> &child);
 };

@@ -224,10 +224,14 @@ void GroupTask::Private::appendTask(BaseTask *task, bool isWrapper)
     if (!goesOn())
         return;
     const bool isFinished = task->isFinished();
-    connectChild(child, task);
+    // One that was paused before its start gets idle again.
+    setUnstarted(child, task->isIdle() || task->isPaused());
+    // From here on start, progress and end are taken note of where they happen, and handled where the connection type
+    // says.
+    child->life->addFollower(child);
     if (!isFinished)
         addShare(child, task);
-    // It came finished, or has finished on another thread before the connections were there.
+    // It came finished, or has finished on another thread before it knew of the group.
     if (goesOn() && task->isFinished())
         GroupChild::reportEnd(child, child->life->run(), task->error());
 }
@@ -291,29 +295,6 @@ void GroupTask::Private::addShare(const Child &child, const BaseTask *task)
     q->setProgress(int(progressValue), int(progressTotal));
 }
 
-void GroupTask::Private::connectChild(const Child &child, BaseTask *task)
-{
-    // One that was paused before its start gets idle again.
-    setUnstarted(child, task->isIdle() || task->isPaused());
-    // Start and end are taken note of where they happen, and handled where the connection type says: the error and
-    // the run are those of the moment, and the child may be gone by the time of the handling. The receiver is the child:
-    // another one might be destroyed while the child emits on another thread.
-    child->life->addFollower(child);
-    child->started = connect(
-        task, &BaseTask::started, task, [child] { GroupChild::reportStart(child); }, Qt::DirectConnection);
-    child->finished = connect(
-        task, &BaseTask::finished, task,
-        [child, task] {
-            // Not where an earlier handler of finished() began another run, or set the task idle.
-            if (const quint64 run = child->life->endedRun())
-                GroupChild::reportEnd(child, run, task->error());
-        },
-        Qt::DirectConnection);
-    child->progress = connect(
-        task, &BaseTask::progress, task,
-        [child](int value, int total) { GroupChild::reportProgress(child, value, total); }, Qt::DirectConnection);
-}
-
 void GroupTask::Private::checkFinished()
 {
     if (waitMode == NoWait)
@@ -375,24 +356,13 @@ void GroupTask::Private::unlist(const Child &child)
         std::erase_if(contained->containers, [this](const auto &container) { return container.lock() == node; });
 }
 
-void GroupTask::Private::disconnectChild(const Child &child)
-{
-    const TaskVisit visit(child->life);
-    child->life->removeFollower(child.get());
-    if (!visit.isInside())
-        return;
-    QObject::disconnect(std::exchange(child->progress, {}));
-    QObject::disconnect(std::exchange(child->started, {}));
-    QObject::disconnect(std::exchange(child->finished, {}));
-}
-
 void GroupTask::Private::unlistAndDelete(const Child &child)
 {
     const Child held = child;
     unlist(held);
     const TaskVisit visit(held->life);
     BaseTask *task = visit.task();
-    // Its connections go with it; what arrives until then finds that it is not listed.
+    // What it tells until then finds that it is not listed.
     held->life->removeFollower(held.get());
     if (task)
         TaskLife::deleteLater(task);
@@ -554,11 +524,11 @@ GroupTask::~GroupTask()
     d->link->life->waitForVisitors(this);
     const GroupLocker locker(d->mutex());
     d->cleanup();
-    // Connections that are at work on other threads find nothing to do.
+    // What other threads tell of it finds nothing to do.
     while (!d->children.isEmpty()) {
         const Private::Child child = d->children.first();
         d->unlist(child);
-        Private::disconnectChild(child);
+        child->life->removeFollower(child.get());
         d->freeWrapper(child);
     }
 }

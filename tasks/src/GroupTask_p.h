@@ -51,14 +51,12 @@ public:
     void onChildProgress(const Child &child, int value, int total);
     void awaitAgain(const Child &child);
     void addShare(const Child &child, const BaseTask *task);
-    void connectChild(const Child &child, BaseTask *task);
     void checkFinished();
     void lookAgain();
     void cleanup();
     void setPending(const Child &child, bool isPending);
     void setUnstarted(const Child &child, bool isUnstarted);
     void unlist(const Child &child);
-    static void disconnectChild(const Child &child);
     void freeWrapper(const Child &child) const;
     void unlistAndDelete(const Child &child);
     void cancelUnfinishedChildren();

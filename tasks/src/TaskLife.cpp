@@ -72,13 +72,15 @@ void TaskLife::releaseEnd(quint64 run)
         m_endingRun.store(0, std::memory_order_release);
 }
 
-std::optional<TaskLife::Change> TaskLife::complete(quint64 run, bool isAnnounced)
+std::optional<TaskLife::Change> TaskLife::complete(quint64 run, Followers *followers)
 {
     interleavingPoint("complete");
     const QMutexLocker locker(&m_mutex);
     if (!isIn(run))
         return {};
-    return move(BaseTask::Finished, isAnnounced ? Announced : Quietly);
+    if (followers)
+        copyFollowers(*followers);
+    return move(BaseTask::Finished, followers ? Announced : Quietly);
 }
 
 bool TaskLife::storeError(quint64 run, const Error &error)
@@ -191,9 +193,14 @@ TaskLife::Followers TaskLife::followers() const
     if (!m_hasFollowers)
         return all;
     const QMutexLocker locker(&m_mutex);
-    for (std::shared_ptr<GroupChild> child = m_followers; child; child = child->nextFollower)
-        all.append(child);
+    copyFollowers(all);
     return all;
+}
+
+void TaskLife::copyFollowers(Followers &all) const
+{
+    for (const std::shared_ptr<GroupChild> *child = &m_followers; *child; child = &(*child)->nextFollower)
+        all.append(*child);
 }
 
 void TaskLife::retire()

@@ -48,6 +48,7 @@ private:
 class TaskLife {
 public:
     using State = BaseTask::State;
+    using Followers = QVarLengthArray<std::shared_ptr<GroupChild>, 2>;
 
     struct Change {
         State left;
@@ -96,7 +97,8 @@ public:
     /// Leaves the run that was not ended after all to others.
     void releaseEnd(quint64 run);
     /// Ends the run, for whoever has claimed that: none when the task was set idle or running again meanwhile.
-    std::optional<Change> complete(quint64 run, bool isAnnounced);
+    /// Those who follow the task at that moment go into \a followers, if it is given.
+    std::optional<Change> complete(quint64 run, Followers *followers = nullptr);
     /// Makes \a error that of the task, unless it is not in that run any more.
     bool storeError(quint64 run, const Error &error);
     /// What nobody contests. Of \a expectedRun only, if one is given.
@@ -110,7 +112,6 @@ public:
     /// What resume() goes back to.
     State pausedState() const;
 
-    using Followers = QVarLengthArray<std::shared_ptr<GroupChild>, 2>;
     void addFollower(const std::shared_ptr<GroupChild> &child);
     void removeFollower(const GroupChild *child);
     Followers followers() const;
@@ -145,6 +146,7 @@ private:
         Quietly,   ///< as the end of the run, without finished()
     };
     Change move(State state, How how);
+    void copyFollowers(Followers &all) const;
     bool isWholeHere() const;
     bool isAwaited() const { return m_isRetired || m_waiting > 0; }
     void waitUntilAlone(size_t kind, const BaseTask *task) const;

@@ -272,7 +272,8 @@ Task *World::makeTask(const std::shared_ptr<Watch> &watch)
     } else if (watch->kind == Watch::Coroutine) {
         task = new Task([this, watch] {
             ++watch->works;
-            return awaitAny();
+            enter();
+            return await(anyTask());
         });
     } else {
         const std::array modes{Task::Synchronous, Task::Asynchronous, Task::WorkingThread};
@@ -355,10 +356,9 @@ Error World::work(const std::shared_ptr<Watch> &watch, Task *task)
     return random(4) == 0 ? error() : Error();
 }
 
-QCoro::Task<Error> World::awaitAny()
+QCoro::Task<Error> World::await(TaskUse task)
 {
     enter();
-    TaskUse task = anyTask();
     if (!task)
         co_return Error();
     const auto watch = watchOf(task);

@@ -295,7 +295,7 @@ const std::vector<Operation> allOperations{
     {"task.deleteLater", Anywhere, [](World &world) { withHomeTask(world, [](Task *task) { task->deleteLater(); }); }},
     {"task.delete", AtTop, [](World &world) { destroy(World::any(world.tasks)); }},
     {"task.bind", Anywhere, bindTask},
-    {"task.await", Anywhere, [](World &world) { static_cast<void>(world.awaitAny()); }},
+    {"task.await", Anywhere, [](World &world) { static_cast<void>(world.await(world.anyTask())); }},
     {"task.wait", AtTop, [](World &world) { waitForTask(world, false); }},
     {"task.waitForAll", AtTop, [](World &world) { waitForTask(world, true); }},
     {"queue.append", Starting, appendToQueue},
@@ -331,7 +331,8 @@ const std::vector<Operation> allOperations{
     {"group.appendCoroutine", Unlocked,
      [](World &world) {
          if (here.actor && !world.changesCleanup())
-             withGroup(world, [&](GroupTask *group) { group->append(world.awaitAny()); });
+             // It must not go on in another thread while it is handed over.
+             withGroup(world, [&](GroupTask *group) { group->append(world.await(world.homeTask())); });
      }},
     {"group.nest", Unlocked, nestGroups},
     {"group.batch", Unlocked, runBatch},

@@ -69,15 +69,16 @@ public:
     };
 
     void put(T *object) { m_object.store(object, std::memory_order_release); }
-    bool isEmpty() const { return !m_object.load(std::memory_order_relaxed); }
+    bool isEmpty() const { return !m_object && m_takers == 0 && !m_object; }
     /// To destroy the object; null when there is none, or others use it.
     T *tryTake()
     {
+        ++m_takers;
         T *object = m_object.exchange(nullptr);
-        if (!object || m_uses.load(std::memory_order_acquire) == 0)
-            return object;
-        put(object);
-        return nullptr;
+        if (object && m_uses.load(std::memory_order_acquire) > 0)
+            put(std::exchange(object, nullptr));
+        --m_takers;
+        return object;
     }
     /// Empties the place if the object is \a object; whether nobody uses what was here.
     bool close(const QObject *object)
@@ -94,6 +95,8 @@ public:
 private:
     std::atomic<T *> m_object = nullptr;
     std::atomic<int> m_uses = 0;
+    /// Who has the object out to look whether it may be destroyed.
+    std::atomic<int> m_takers = 0;
 };
 
 /// Empties the place of an object when deleteLater() has come to it, and puts its destruction off until nobody uses it.

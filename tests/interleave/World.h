@@ -122,7 +122,7 @@ public:
     void refill();
     /// A task of nobody but the library; where it was created in a working thread, it lives with an actor.
     zel::Task *makeOwnTask();
-    QCoro::Task<zel::Error> awaitAny();
+    QCoro::Task<zel::Error> await(TaskUse task);
     zel::Error work(const std::shared_ptr<Watch> &watch, zel::Task *task);
     bool has(const char *feature) const;
 
