@@ -202,8 +202,7 @@ void BaseTask::Private::endRun(TaskVisit &visit, const Error &error, std::option
         task->d->announceFinished();
     if (isOver())
         Q_EMIT task->finished();
-    for (const auto &child : followers)
-        GroupChild::reportEnd(child, over, outcome);
+    reportEnd(shared, followers, over, outcome);
     if (deleteAfterwards && isOver())
         Q_EMIT task->selfDelete(BaseTask::QPrivateSignal());
 }
@@ -285,13 +284,27 @@ void BaseTask::Private::announceRunning(const std::shared_ptr<TaskLife> &shared,
         Q_EMIT task->restarted();
 }
 
-// What groups follow is told to them behind the handlers, of which one may have destroyed the task.
+// Groups, queue and coroutines are told behind the handlers, of which one may have destroyed the task.
 void BaseTask::Private::reportStart(const std::shared_ptr<TaskLife> &shared)
 {
     if (!shared->task())
         return;
     for (const auto &child : shared->followers())
         GroupChild::reportStart(child);
+}
+
+void BaseTask::Private::reportEnd(const std::shared_ptr<TaskLife> &shared, const TaskLife::Followers &followers,
+                                  quint64 run, const Error &outcome)
+{
+    for (const auto &child : followers)
+        GroupChild::reportEnd(child, run, outcome);
+    if (BaseTask *task = shared->task(); task && shared->endedRun() == run)
+        Task::Private::reportEnd(task);
+    if (!shared->hasWatchers())
+        return;
+    const QMutexLocker locker(shared->mutex());
+    if (const BaseTask *task = shared->task())
+        shared->notifyAnnounced(task);
 }
 
 void BaseTask::Private::announceProgress(int value, int total)
@@ -316,14 +329,13 @@ void BaseTask::Private::passOnStarted()
 
 void BaseTask::Private::passOnFinished()
 {
-    const std::shared_ptr<TaskLife> shared = life;
+    const TaskVisit visit(life);
+    const std::shared_ptr<TaskLife> &shared = visit.life();
     const TaskLife::Followers followers = shared->followers();
     const Error outcome = followers.isEmpty() ? Error() : q->error();
     Q_EMIT q->finished();
-    if (const quint64 run = shared->endedRun()) {
-        for (const auto &child : followers)
-            GroupChild::reportEnd(child, run, outcome);
-    }
+    if (const quint64 run = shared->endedRun())
+        reportEnd(shared, followers, run, outcome);
 }
 
 BaseTask::BaseTask(QObject *parent) : ErrorCancelable(parent), d(std::make_unique<Private>(this)) { }

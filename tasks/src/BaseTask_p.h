@@ -81,6 +81,8 @@ private:
     void announceState(const std::shared_ptr<TaskLife> &shared, const TaskLife::Change &change, State state);
     void postDeletion();
     static void reportStart(const std::shared_ptr<TaskLife> &shared);
+    static void reportEnd(const std::shared_ptr<TaskLife> &shared, const TaskLife::Followers &followers, quint64 run,
+                          const Error &outcome);
     void announceProgress(int value, int total);
     void passOnStarted();
     void passOnFinished();

@@ -153,6 +153,13 @@ std::shared_ptr<TasksQueueShare> Task::Private::leaveRun(BaseTask *task, bool is
     return share && TasksQueue::Private::onTaskIdle(share, executable, isReset) ? share : nullptr;
 }
 
+void Task::Private::reportEnd(BaseTask *task)
+{
+    const auto executable = qobject_cast<Task *>(task);
+    if (const auto share = executable ? executable->d->queueShare() : nullptr)
+        TasksQueue::Private::onTaskAnnounced(share, executable);
+}
+
 Error Task::Private::unhandledException(const std::exception_ptr &exception)
 {
     try {

@@ -288,6 +288,12 @@ void TaskLife::notifyEnded(const BaseTask *task, bool isAnnounced)
         watcher->onEnded(task, isAnnounced);
 }
 
+void TaskLife::notifyAnnounced(const BaseTask *task)
+{
+    for (TaskWatcher *watcher = m_watchers; watcher; watcher = watcher->m_next)
+        watcher->onAnnounced(task);
+}
+
 void TaskLife::notifyDestroyed(const BaseTask *task, const Error &error)
 {
     for (TaskWatcher *watcher = m_watchers; watcher; watcher = watcher->m_next)

@@ -20,6 +20,8 @@ class TaskWatcher {
 public:
     /// \a isAnnounced: by finish(), which emits finished() next.
     virtual void onEnded(const BaseTask *task, bool isAnnounced) = 0;
+    /// Behind the handlers of finished(), when the task is still there.
+    virtual void onAnnounced(const BaseTask *) { }
     /// Not called after the task was gone already.
     virtual void onDestroyed(const BaseTask *task, const Error &error) = 0;
 
@@ -134,6 +136,7 @@ public:
     void remove(TaskWatcher *watcher);
     /// The task may be retired, and is whole while whoever ends it visits it.
     void notifyEnded(const BaseTask *task, bool isAnnounced);
+    void notifyAnnounced(const BaseTask *task);
     void notifyDestroyed(const BaseTask *task, const Error &error);
     bool hasWatchers() const { return m_watchers; }
 

@@ -453,35 +453,15 @@ void TasksQueue::Private::takeOut(Entry *entry)
     move(entry, Entry::Outside, outside, outside.end());
 }
 
-// Its end comes as a signal, in the order of those that were connected; the rest the task tells the queue that holds
-// it, which takes less room than connections.
 void TasksQueue::Private::follow(Entry *entry)
 {
-    unfollow(entry);
     entry->isFollowed = true;
     entry->connectionType = connectionType;
-    // A receiver that is called on the thread that emits must not be destroyed meanwhile.
-    const auto receiverOf = [this, entry](Qt::ConnectionType type) -> const QObject * {
-        return type == Qt::DirectConnection ? static_cast<const QObject *>(entry->task) : this;
-    };
-    entry->finished = connect(
-        entry->task, &BaseTask::finished, receiverOf(connectionType),
-        [shared = share, life = TaskLife::of(entry->task), entry, stay = entry->stay] {
-            onTaskEnded(shared, life, entry, stay);
-        },
-        connectionType);
-    if (connectionType == Qt::QueuedConnection)
-        return;
-    entry->priorityChanged = connect(
-        entry->task, &Task::priorityChanged, receiverOf(connectionType),
-        [shared = share, entry, stay = entry->stay] { readd(shared, entry, stay); }, connectionType);
 }
 
 void TasksQueue::Private::unfollow(Entry *entry)
 {
     entry->isFollowed = false;
-    disconnect(std::exchange(entry->finished, {}));
-    disconnect(std::exchange(entry->priorityChanged, {}));
 }
 
 void TasksQueue::Private::forget(Entry *entry)
@@ -653,16 +633,43 @@ void TasksQueue::Private::onTaskDestroyed(const Share &share, Task *task)
         queue->d->forget(queue->d->entryOf(task));
 }
 
-// By a posted call; in the order of the handlers, which other types keep, it is a connection.
-void TasksQueue::Private::onTaskPriorityChanged(const Share &share, const Task *task)
+// The task says what happens to it, behind the handlers. The queue reacts where the connection type says, as if it were
+// connected, and not when it does not follow the task.
+template <typename Call>
+void TasksQueue::Private::hear(const Share &share, Task *task, Call call)
 {
-    const Lock locker(&share->mutex);
-    if (!share->queue())
-        return;
-    const Entry *entry = share->queue()->d->entryOf(task);
-    if (!entry || !entry->isFollowed || entry->connectionType != Qt::QueuedConnection)
-        return;
-    share->post([share, entry, stay = entry->stay] { readd(share, entry, stay); });
+    const Entry *entry = nullptr;
+    quint64 stay = 0;
+    Qt::ConnectionType type = Qt::AutoConnection;
+    {
+        const Lock locker(&share->mutex);
+        entry = share->queue() ? share->queue()->d->entryOf(task) : nullptr;
+        if (!entry || !entry->isFollowed)
+            return;
+        stay = entry->stay;
+        type = entry->connectionType;
+        if (type == Qt::QueuedConnection)
+            return share->post([share, entry, stay, call = std::move(call)] { call(share, entry, stay); });
+    }
+    if (type == Qt::DirectConnection)
+        return call(share, entry, stay);
+    const TasksQueueVisit visit(share);
+    if (TasksQueue *queue = visit.queue())
+        QMetaObject::invokeMethod(
+            queue->d.get(), [share, entry, stay, call = std::move(call)] { call(share, entry, stay); }, type);
+}
+
+void TasksQueue::Private::onTaskAnnounced(const Share &share, Task *task)
+{
+    hear(share, task,
+         [life = TaskLife::of(task)](const Share &shared, const Entry *entry, quint64 stay) {
+             onTaskEnded(shared, life, entry, stay);
+         });
+}
+
+void TasksQueue::Private::onTaskPriorityChanged(const Share &share, Task *task)
+{
+    hear(share, task, readd);
 }
 
 // The run that the queue started is over, and the slot free, without the task's being touched; or a task that was

@@ -59,8 +59,6 @@ struct TasksQueueEntry {
     /// Whether the queue hears of the task's end and its priority, and by which type.
     bool isFollowed = false;
     Qt::ConnectionType connectionType = Qt::AutoConnection;
-    QMetaObject::Connection finished{};
-    QMetaObject::Connection priorityChanged{};
 };
 
 /// One call of clear(), on the stack of the thread that makes it. Guarded by the queue's mutex.
@@ -136,7 +134,8 @@ public:
     static void onTaskEnded(const Share &share, const std::shared_ptr<TaskLife> &life, const Entry *entry,
                             quint64 stay);
     static void onTaskDestroyed(const Share &share, Task *task);
-    static void onTaskPriorityChanged(const Share &share, const Task *task);
+    static void onTaskAnnounced(const Share &share, Task *task);
+    static void onTaskPriorityChanged(const Share &share, Task *task);
     /// The task is idle again. Returns whether a dispatch is owed.
     static bool onTaskIdle(const Share &share, const Task *task, bool isReset);
     static void recount(const Share &share, const Task *task);
@@ -201,6 +200,8 @@ private:
     void letGo(TasksQueueHand &hand);
     void abandonStart(const TasksQueueHand &hand);
     static void readd(const Share &share, const Entry *entry, quint64 stay);
+    template <typename Call>
+    static void hear(const Share &share, Task *task, Call call);
 
     // Called with the lock held.
     Entry *nextReady();

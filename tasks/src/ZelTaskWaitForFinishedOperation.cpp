@@ -34,6 +34,7 @@ public:
     zel::Error result() const;
 
     void onEnded(const zel::BaseTask *awaited, bool isAnnounced) override;
+    void onAnnounced(const zel::BaseTask *awaited) override;
     void onDestroyed(const zel::BaseTask *awaited, const zel::Error &error) override;
     void onHandedOver() override;
 
@@ -41,7 +42,6 @@ public:
     const std::shared_ptr<zel::TaskLife> life;
 
 private:
-    void disconnectTask(const QMetaObject::Connection &connection) const;
     void postResume(QObject *context, int turns);
     void resumeIn(QThread *thread);
     void send(QObject *courier);
@@ -53,7 +53,6 @@ private:
     std::optional<zel::Error> m_outcome;
     /// The number of the task's run while it stays ended; none once the task is gone.
     std::optional<quint64> m_endedRun;
-    QMetaObject::Connection m_connection;
     bool m_isHandedOver = true;
     /// In the thread in which the coroutine was to be resumed before it was handed over.
     QObject *m_courier = nullptr;
@@ -66,27 +65,9 @@ void ZelTaskWaitForFinishedOperation::Record::watch(std::coroutine_handle<> awai
     m_awaitingThread = QThread::currentThread();
     const zel::TaskVisit visit(life);
     const BaseTask *awaited = visit.task();
-    QMetaObject::Connection connection;
     if (awaited && awaited->thread() != QThread::currentThread())
         m_isHandedOver = !zel::CoroutineHandover::tells(weak_from_this());
-    if (awaited) {
-        connection = QObject::connect(
-            awaited, &BaseTask::finished, BaseTask::Private::of(awaited),
-            [weak = weak_from_this()] {
-                if (const auto record = weak.lock())
-                    record->resume();
-            },
-            Qt::QueuedConnection);
-    }
-
-    // Another thread may have resumed the coroutine, or begun to destroy the task, since it was connected.
     QMutexLocker locker(life->mutex());
-    if (!m_awaiting) {
-        locker.unlock();
-        disconnectTask(connection);
-        return;
-    }
-    m_connection = connection;
     if (!life->task()) {
         locker.unlock();
         const zel::Error gone = BaseTask::Private::destroyedError();
@@ -102,23 +83,9 @@ std::coroutine_handle<> ZelTaskWaitForFinishedOperation::Record::detach()
 {
     if (!life)
         return {};
-    QMutexLocker locker(life->mutex());
+    const QMutexLocker locker(life->mutex());
     life->remove(this);
-    const auto awaiting = std::exchange(m_awaiting, {});
-    const auto connection = std::exchange(m_connection, {});
-    locker.unlock();
-    disconnectTask(connection);
-    return awaiting;
-}
-
-// Unless the task is on its way out, and the connection with it.
-void ZelTaskWaitForFinishedOperation::Record::disconnectTask(const QMetaObject::Connection &connection) const
-{
-    if (!connection)
-        return;
-    const zel::TaskVisit visit(life);
-    if (visit.isInside())
-        QObject::disconnect(connection);
+    return std::exchange(m_awaiting, {});
 }
 
 void ZelTaskWaitForFinishedOperation::Record::resume()
@@ -187,7 +154,7 @@ zel::Error ZelTaskWaitForFinishedOperation::Record::result() const
     return visit.isInside() ? visit.task()->error() : zel::Error(zel::NoError);
 }
 
-// What finish() announces resumes the coroutine through the connection. Behind what such an end posts, the others do.
+// What finish() announces resumes the coroutine behind that. Behind what such an end posts, the others do.
 void ZelTaskWaitForFinishedOperation::Record::onEnded(const zel::BaseTask *awaited, bool isAnnounced)
 {
     if (!m_outcome) {
@@ -196,6 +163,12 @@ void ZelTaskWaitForFinishedOperation::Record::onEnded(const zel::BaseTask *await
     }
     if (!isAnnounced)
         postResume(zel::BaseTask::Private::of(awaited), 2);
+}
+
+void ZelTaskWaitForFinishedOperation::Record::onAnnounced(const zel::BaseTask *awaited)
+{
+    if (m_outcome)
+        postResume(zel::BaseTask::Private::of(awaited), 1);
 }
 
 // The task's own events go with it; the coroutine must not be resumed inside its destructor.
