@@ -298,9 +298,9 @@ void BaseTask::Private::reportEnd(const std::shared_ptr<TaskLife> &shared, const
 {
     for (const auto &child : followers)
         GroupChild::reportEnd(child, run, outcome);
-    if (BaseTask *task = shared->task(); task && shared->endedRun() == run)
-        Task::Private::reportEnd(task);
-    if (!shared->hasWatchers())
+    if (BaseTask *task = shared->task())
+        Task::Private::reportEnd(task, run);
+    if (!shared->hasWatchersToTellLast())
         return;
     const QMutexLocker locker(shared->mutex());
     if (const BaseTask *task = shared->task())

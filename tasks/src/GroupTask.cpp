@@ -162,6 +162,11 @@ void GroupTask::Private::startAfresh()
 bool GroupTask::Private::lists(const BaseTask *task) const
 {
     const GroupLocker locker(mutex());
+    return isListed(task);
+}
+
+bool GroupTask::Private::isListed(const BaseTask *task) const
+{
     const auto stay = stays.constFind(task);
     return stay != stays.cend() && (*stay)->isListed && (*stay)->task() == task;
 }
@@ -181,7 +186,7 @@ void GroupTask::Private::appendTask(BaseTask *task, bool isWrapper)
     const std::shared_ptr<GroupNode> taskNode = nodeOf(task);
     if (refuses(task, taskNode))
         return;
-    if (lists(task)) {
+    if (isListed(task)) {
         const Child child = stays.value(task);
         if (!task->isFinished() && (task->isIdle() || child->isLeftOver))
             awaitAgain(child);

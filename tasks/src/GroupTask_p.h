@@ -44,6 +44,7 @@ public:
     static void handOverContainers(GroupNode *from, const std::shared_ptr<GroupNode> &successor);
 
     // These are called with the lock held.
+    bool isListed(const BaseTask *task) const;
     void appendTask(BaseTask *task, bool isWrapper = false);
     bool refuses(const BaseTask *task, const std::shared_ptr<GroupNode> &taskNode) const;
     void onChildStarted(const Child &child, quint64 run, quint64 use);

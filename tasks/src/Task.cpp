@@ -153,10 +153,11 @@ std::shared_ptr<TasksQueueShare> Task::Private::leaveRun(BaseTask *task, bool is
     return share && TasksQueue::Private::onTaskIdle(share, executable, isReset) ? share : nullptr;
 }
 
-void Task::Private::reportEnd(BaseTask *task)
+void Task::Private::reportEnd(BaseTask *task, quint64 run)
 {
     const auto executable = qobject_cast<Task *>(task);
-    if (const auto share = executable ? executable->d->queueShare() : nullptr)
+    const auto share = executable ? executable->d->queueShare() : nullptr;
+    if (share && TaskLife::of(task)->endedRun() == run)
         TasksQueue::Private::onTaskAnnounced(share, executable);
 }
 
@@ -193,7 +194,7 @@ QCoro::Task<> Task::Private::finishWith(std::shared_ptr<TaskLife> life, quint64 
     TaskVisit visit(life);
     if (!visit.isInside() || !life->isIn(run))
         co_return;
-    TaskStart::setReturning(life.get(), true);
+    TaskStart::setReturning(TaskStart::innermost(), life.get(), true);
     // What handlers throw, and work that starts in the place of this task, would be lost in the coroutine.
     const NothingLeaves here;
     try {
@@ -233,7 +234,7 @@ void Task::Private::execOnWorkingThread(quint64 run)
     interleavingPoint("thread started");
     if (isStarted || !life->isIn(run))
         return;
-    TaskStart::setReturning(life.get(), true);
+    TaskStart::setReturning(TaskStart::innermost(), life.get(), true);
     BaseTask::Private::of(q)->finishRun(run,
                                         Error(GeneralError, Task::tr("The working thread could not be started.")));
 }
@@ -405,12 +406,14 @@ Task::Task(std::function<Error(Task *)> function, ExecutionMode mode, QObject *p
 
 Task::Task(std::function<QCoro::Task<Error>()> factory, QObject *parent) : Task(Coroutine, parent)
 {
-    setFunction(std::move(factory));
+    if (factory)
+        d->coroutineFunction = std::move(factory);
 }
 
 Task::Task(std::function<QCoro::Task<Error>(Task *)> factory, QObject *parent) : Task(Coroutine, parent)
 {
-    setFunction(std::move(factory));
+    if (factory)
+        d->coroutineFunction = std::move(factory);
 }
 
 Task::Task(QCoro::Task<Error> coroutine, QObject *parent) : Task(Asynchronous, parent)
@@ -537,13 +540,14 @@ void Task::exec()
     const quint64 seenRun = TaskLife::of(this)->run();
     TaskVisit visit(TaskLife::of(this));
     const std::shared_ptr<TaskLife> &life = visit.life();
-    TaskStart *const start = TaskStart::unusedOf(life.get());
+    TaskStart *const below = TaskStart::innermost();
+    TaskStart *const start = TaskStart::unusedOf(below, life.get());
     const auto change = visit.isInside() ? life->begin(start ? start->use() : 0, seenRun) : std::nullopt;
     if (!change)
         return;
     const TasksQueueAbsence absence(start ? start->share() : nullptr);
     const quint64 run = change->run;
-    TaskStart::setReturning(life.get(), false);
+    TaskStart::setReturning(below, life.get(), false);
     if (d->isComplex) {
         ComplexTask::Private::of(static_cast<ComplexTask *>(this))->beginRun(change->left);
         if (!life->isIn(run))
@@ -571,7 +575,7 @@ void Task::exec()
         interleavingPoint("work returned");
         if (!life->isIn(run) || (!isSynchronous && !result.hasError()))
             break;
-        TaskStart::setReturning(life.get(), true);
+        TaskStart::setReturning(below, life.get(), true);
         BaseTask::Private::finishRun(visit, run, result);
         break;
     }

@@ -269,12 +269,16 @@ void TaskLife::add(TaskWatcher *watcher)
         m_watchers = watcher;
     m_lastWatcher = watcher;
     watcher->m_isListed = true;
+    if (watcher->m_isToldLast)
+        ++m_toBeToldLast;
 }
 
 void TaskLife::remove(TaskWatcher *watcher)
 {
     if (!std::exchange(watcher->m_isListed, false))
         return;
+    if (watcher->m_isToldLast)
+        --m_toBeToldLast;
     if (watcher->m_previous)
         watcher->m_previous->m_next = watcher->m_next;
     else

@@ -20,13 +20,13 @@ class TaskWatcher {
 public:
     /// \a isAnnounced: by finish(), which emits finished() next.
     virtual void onEnded(const BaseTask *task, bool isAnnounced) = 0;
-    /// Behind the handlers of finished(), when the task is still there.
+    /// Behind the handlers of finished(), when the task is still there, and for those who want to be told.
     virtual void onAnnounced(const BaseTask *) { }
     /// Not called after the task was gone already.
     virtual void onDestroyed(const BaseTask *task, const Error &error) = 0;
 
 protected:
-    TaskWatcher() = default;
+    explicit TaskWatcher(bool isToldLast = false) : m_isToldLast(isToldLast) { }
     virtual ~TaskWatcher() = default;
     Q_DISABLE_COPY_MOVE(TaskWatcher)
 
@@ -35,6 +35,7 @@ private:
     TaskWatcher *m_next = nullptr;
     TaskWatcher *m_previous = nullptr;
     bool m_isListed = false;
+    const bool m_isToldLast;
 };
 
 /**
@@ -139,6 +140,7 @@ public:
     void notifyAnnounced(const BaseTask *task);
     void notifyDestroyed(const BaseTask *task, const Error &error);
     bool hasWatchers() const { return m_watchers; }
+    bool hasWatchersToTellLast() const { return m_toBeToldLast > 0; }
 
 private:
     friend class TaskVisit;
@@ -176,6 +178,7 @@ private:
     std::shared_ptr<GroupChild> m_followers;
     std::atomic<TaskWatcher *> m_watchers = nullptr;
     TaskWatcher *m_lastWatcher = nullptr;
+    std::atomic<int> m_toBeToldLast{0};
     /// How many visits there are, of either kind.
     std::array<std::atomic<int>, 2> m_visits{};
     /// How many threads wait for visits to end.

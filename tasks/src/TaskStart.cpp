@@ -38,9 +38,13 @@ TaskStart::~TaskStart()
         m_life->releaseStart(m_claim);
 }
 
-TaskStart *TaskStart::unusedOf(const TaskLife *life)
+TaskStart *TaskStart::innermost()
 {
-    TaskStart *start = innermostStart;
+    return innermostStart;
+}
+
+TaskStart *TaskStart::unusedOf(TaskStart *start, const TaskLife *life)
+{
     while (start && (start->m_life != life || start->m_isUsed))
         start = start->m_outer;
     return start;
@@ -54,9 +58,8 @@ const TaskStart *TaskStart::innermostOf(const TasksQueueShare *share)
     return start;
 }
 
-void TaskStart::setReturning(const TaskLife *life, bool isReturning)
+void TaskStart::setReturning(TaskStart *start, const TaskLife *life, bool isReturning)
 {
-    TaskStart *start = innermostStart;
     while (start && start->m_life != life)
         start = start->m_outer;
     if (start)

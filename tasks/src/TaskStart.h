@@ -22,11 +22,13 @@ public:
     ~TaskStart();
     Q_DISABLE_COPY_MOVE(TaskStart)
 
-    /// Those of this thread, null when there is none: with a claim that is to be used.
-    static TaskStart *unusedOf(const TaskLife *life);
+    /// The innermost one of this thread, which stands below the caller as long as that runs. Null for none, here and below.
+    static TaskStart *innermost();
+    /// Among that one and those below it, with a claim that is to be used.
+    static TaskStart *unusedOf(TaskStart *start, const TaskLife *life);
     static const TaskStart *innermostOf(const TasksQueueShare *share);
     /// The work of the task has returned, and exec() only ends it.
-    static void setReturning(const TaskLife *life, bool isReturning);
+    static void setReturning(TaskStart *start, const TaskLife *life, bool isReturning);
 
     quint64 use();
     /// The queue that makes the start, null when nobody does.

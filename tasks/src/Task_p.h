@@ -64,8 +64,8 @@ public:
     void restoreQueue();
     /// Has the queue that holds the task forget it, which is being destroyed. Returns whether there was one.
     bool leaveQueue();
-    /// Tells the queue that holds \a task, if there is one, of an end that was announced.
-    static void reportEnd(BaseTask *task);
+    /// Tells the queue that holds \a task, if there is one, that a run has ended.
+    static void reportEnd(BaseTask *task, quint64 run);
     /// Tells the queue that holds \a task, if there is one, that it is idle again. Returns whom a dispatch is owed.
     static std::shared_ptr<TasksQueueShare> leaveRun(BaseTask *task, bool isReset);
 

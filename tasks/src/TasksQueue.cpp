@@ -192,7 +192,9 @@ bool TasksQueue::Private::startPending(quint64 &servedRequests)
     TasksQueue *const queue = q;
     std::exception_ptr thrown;
     const auto startAll = [&] {
-        for (;;) {
+        for (bool isFirst = true;; isFirst = false) {
+            if (!isFirst && shared->queue() && isFull())
+                return false;
             TasksQueueHand hand(shared.get());
             {
                 const Lock locker(&shared->mutex);
@@ -1180,7 +1182,8 @@ void TasksQueue::onTaskFinished(Task *task)
             handling->drop();
         }
     }
-    if (triggersNext)
+    // The pass before has left nothing to do for this one when all slots are taken.
+    if (triggersNext && (d->state != Working || !d->isFull()))
         tryExec();
 }
 

@@ -145,6 +145,8 @@ public:
     /// Null when another queue has taken the task, or this one is being destroyed.
     Entry *ensureEntry(Task *task);
     bool isPending(const Task *task) const;
+    /// Whether somebody will free a slot, who goes on then.
+    bool isFull() const { return countedRunning > 0 && countedRunning >= maxRunning; }
     bool isBeingStarted(const Entry *entry) const;
     bool insert(Task *task, EnqueueMode mode);
     /// Into \a hand, if there is one.

@@ -36,7 +36,11 @@ public:
             endWith(destroyedError());
     }
 
-    ~Wait() { static_cast<void>(close()); }
+    ~Wait()
+    {
+        if (!m_isClosed)
+            static_cast<void>(close());
+    }
 
     Q_DISABLE_COPY_MOVE(Wait)
 
@@ -44,6 +48,7 @@ public:
     /// Returns the result; none comes any more.
     Error close()
     {
+        m_isClosed = true;
         const QMutexLocker locker(m_life->mutex());
         m_life->remove(this);
         return m_result.value_or(Error());
@@ -109,6 +114,7 @@ private:
     const std::shared_ptr<TaskLife> m_life;
     const Qt::ConnectionType m_wakeUp;
     QEventLoop m_loop;
+    bool m_isClosed = false;
     // Guarded by the mutex of the life.
     std::optional<Error> m_outcome;
     std::optional<Error> m_result;

@@ -17,7 +17,11 @@ class Q_DECL_HIDDEN ZelTaskWaitForFinishedOperation::Record final : public zel::
                                                                     public zel::CoroutineHandover::Suspended,
                                                                     public std::enable_shared_from_this<Record> {
 public:
-    explicit Record(const zel::BaseTask *awaited) : life(awaited ? zel::TaskLife::of(awaited) : nullptr) { }
+    explicit Record(const zel::BaseTask *awaited)
+        : TaskWatcher(true)
+        , life(awaited ? zel::TaskLife::of(awaited) : nullptr)
+    {
+    }
     ~Record() override
     {
         if (m_courier)
