@@ -1182,8 +1182,8 @@ void TasksQueue::onTaskFinished(Task *task)
             handling->drop();
         }
     }
-    // The pass before has left nothing to do for this one when all slots are taken.
-    if (triggersNext && (d->state != Working || !d->isFull()))
+    // The pass before has left nothing to do for this one when all slots are taken, but a line in the log.
+    if (triggersNext && (d->state != Working || !d->isFull() || tasksLog().isInfoEnabled()))
         tryExec();
 }
 

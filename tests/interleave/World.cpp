@@ -212,6 +212,21 @@ void World::showStacks()
     gdb.waitForFinished(60'000);
 }
 
+// That of a complex task.
+void World::describeGroup(const GroupTask *group)
+{
+    if (!group)
+        return;
+    std::fprintf(stderr, "  its group: state %d, wait mode %d, policies %d and %d\n", group->state(), group->waitMode(),
+                 group->cleanupPolicy(), group->cancelSubtasksMode());
+    const QList<BaseTask *> subtasks = group->subtasks();
+    for (const BaseTask *subtask : subtasks) {
+        if (subtask)
+            std::fprintf(stderr, "  subtask: state %d, previous %d, queue %d\n", subtask->state(),
+                         subtask->previousState(), subtask->queue() != nullptr);
+    }
+}
+
 void World::describe()
 {
     for (auto &place : queues) {
@@ -236,6 +251,7 @@ void World::describe()
                      holder == queues.end() ? -1 : holder->number, watch.works.load(), watch.handExecs.load(),
                      watch.starts.load(), watch.restarts.load(), watch.idles.load(), watch.pauses.load(),
                      watch.ends.load(), watch.finishes.load(), watch.waiters.load());
+        describeGroup(task->findChild<GroupTask *>(QString(), Qt::FindDirectChildrenOnly));
     }
     for (const auto &actor : m_actors)
         std::fprintf(stderr, "actor %d: %d operations left\n", actor->number, actor->operationsLeft.load());
@@ -260,8 +276,10 @@ void World::until(const std::function<const char *()> &complaint, const std::fun
 {
     const QDeadlineTimer deadline(patience);
     for (const char *present = complaint(); present; present = complaint()) {
-        if (deadline.hasExpired())
+        if (deadline.hasExpired()) {
+            std::fprintf(stderr, "step %d\n", m_step);
             fail(present);
+        }
         everywhere(lap);
     }
 }
@@ -300,6 +318,7 @@ void World::goOn(Actor *actor)
 // The last of the steps is that everything was canceled.
 const char *World::unsettled(Step step)
 {
+    m_step = step;
     if (works > 0)
         return "work does not return";
     if (awaits > 0)

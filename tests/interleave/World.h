@@ -166,12 +166,14 @@ private:
     void checkOutcomes();
     void describe();
     static void showStacks();
+    static void describeGroup(const zel::GroupTask *group);
     template <typename T>
     auto usesAt(std::vector<Place<T>> &places, Actor *actor);
 
     const quint64 m_seed;
     std::atomic<Phase> m_phase = Acting;
     std::atomic<int> m_workers = 0;
+    Step m_step = ByItself;
     bool m_isStuck = false; ///< a thread may hold locks that the getters take
     bool m_hasGroups = false;
     bool m_hasComplex = false;
