@@ -171,12 +171,15 @@ bool GroupTask::Private::isListed(const BaseTask *task) const
     return stay != stays.cend() && (*stay)->isListed && (*stay)->task() == task;
 }
 
-// Something came, or is waited for, or the group has ended, whose end counts.
-bool GroupTask::Private::hasAdmitted(quint64 earlier) const
+// Something came, or is waited for, or the group has ended, whose end counts. What a start that is not handled brings is
+// looked at then, be it nothing.
+bool GroupTask::Private::hasAdmitted(quint64 earlier)
 {
     const GroupLocker locker(mutex());
-    return admissions != earlier || !pending.isEmpty() || link->startsUnderWay > 0 || q->isFinished()
-        || link->life->isEnding();
+    if (admissions != earlier || !pending.isEmpty() || q->isFinished() || link->life->isEnding())
+        return true;
+    isCheckOwed = link->startsUnderWay > 0;
+    return isCheckOwed;
 }
 
 void GroupTask::Private::appendTask(BaseTask *task, bool isWrapper)

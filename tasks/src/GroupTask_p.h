@@ -34,7 +34,7 @@ public:
     void startAfresh();
     bool lists(const BaseTask *task) const;
     /// Whether there is something to wait for since there were \a earlier admissions.
-    bool hasAdmitted(quint64 earlier) const;
+    bool hasAdmitted(quint64 earlier);
     /// The group that \a task is or has, null for other tasks.
     static std::shared_ptr<TaskLife> groupOf(BaseTask *task);
     static std::shared_ptr<GroupNode> nodeOf(BaseTask *task);
