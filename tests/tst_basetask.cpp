@@ -5,11 +5,13 @@
 #include "support/Waiting.h"
 
 #include <zel/tasks/BaseTask.h>
+#include <zel/tasks/GroupTask.h>
 #include <zel/tasks/Task.h>
 #include <zel/tasks/TasksQueue.h>
 
 #include <QMetaEnum>
 #include <QPointer>
+#include <QSignalSpy>
 #include <QTimer>
 
 #include <memory>
@@ -109,21 +111,6 @@ private Q_SLOTS:
         QCOMPARE(task.state(), row.to);
         QCOMPARE(events.take(), row.events);
         QCOMPARE(eventsAfterDeletion(row.from, row.operation), QString());
-    }
-
-    void signalsAreConnectedByNameAndQueued()
-    {
-        PlainTask task;
-        PlainTask follower;
-        EventLog events(&follower);
-        QVERIFY(
-            connect(&task, SIGNAL(stateChanged(State)), &follower, SIGNAL(stateChanged(State)), Qt::QueuedConnection));
-        QVERIFY(
-            connect(&task, SIGNAL(errorChanged(Error)), &follower, SIGNAL(errorChanged(Error)), Qt::QueuedConnection));
-        task.setRunning();
-        task.setError(Error(Timeout));
-        drainEvents();
-        QCOMPARE(events.take(), u"stateChanged(Running) errorChanged(Timeout)"_s);
     }
 
     void errorOfDoFinishReplacesTheOutcome()
@@ -289,6 +276,42 @@ private Q_SLOTS:
             QVERIFY(!task.isCanceled() && !follower.isCanceled());
             QVERIFY(task.error().equals(Canceled)); // until the new run ends
         }
+    }
+
+    // A handler of canceled() sets the task idle: neither status nor error is that of the next end.
+    void endThatIsAbandonedLeavesNoStatus()
+    {
+        PlainTask task(BaseTask::Running);
+        connect(&task, &BaseTask::canceled, &task, &BaseTask::setIdle);
+        task.cancel();
+        QVERIFY(task.isIdle() && !task.isCanceled());
+        task.setRunning();
+        task.finish(Error(Timeout));
+        QVERIFY(task.error().equals(Timeout) && !task.isCanceled());
+    }
+
+    // What it tells its group and its queue it tells for its source.
+    void boundTaskIsFollowedToo()
+    {
+        Task source;
+        Task follower;
+        follower.bind(&source);
+        TasksQueue queue;
+        GroupTask group;
+        group.setCleanupPolicy(GroupTask::SelfDelete);
+        QSignalSpy progress(&group, &BaseTask::progress);
+        queue.pause();
+        queue.append(&follower);
+        group.append(&follower);
+        source.setRunning();
+        drainEvents();
+        QVERIFY(group.isRunning() && queue.count() == 1);
+        source.setProgress(1, 2);
+        drainEvents();
+        QCOMPARE(progress.constLast(), QVariantList({1, 2}));
+        source.finish();
+        drainEvents();
+        QVERIFY(group.isSuccessful() && queue.count() == 0);
     }
 
     void boundTaskFollowsItsSource()

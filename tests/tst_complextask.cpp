@@ -392,6 +392,19 @@ private Q_SLOTS:
         QVERIFY(batch->isIdle());
     }
 
+    // A start from before the new run is on its way to the group, to which nothing comes in that run.
+    void startOfAnEarlierRunDoesNotKeepTheNextOne()
+    {
+        Bench bench;
+        Batch *batch = bench.batch(u"batch"_s, {bench.task(u"a"_s)});
+        batch->exec();
+        batch->setIdle();
+        batch->subtasks.clear();
+        batch->exec();
+        drainEvents();
+        QVERIFY(batch->isSuccessful());
+    }
+
     void zeroProgressIsReportedOnceInAllRuns()
     {
         Bench bench;

@@ -268,6 +268,26 @@ private Q_SLOTS:
         QVERIFY(home.wait(30'000));
     }
 
+    // It is awaited itself while it goes on in the other thread.
+    void coroutineIsHandedOverBeforeItGoesOnElsewhere()
+    {
+        QThread home;
+        home.start();
+        for (int round = 0; round < 2'000; ++round) {
+            Task *awaited = runningTask().release();
+            awaited->moveToThread(&home);
+            Task task([awaited]() -> QCoro::Task<Error> {
+                QMetaObject::invokeMethod(awaited, [awaited] { awaited->finish(); });
+                co_return co_await awaited;
+            });
+            task.exec();
+            QVERIFY(pollUntil([&] { return task.isFinished(); }));
+            QMetaObject::invokeMethod(awaited, &QObject::deleteLater);
+        }
+        home.quit();
+        QVERIFY(home.wait(30'000));
+    }
+
     void coroutineEndsItsTask_data()
     {
         const Error failure(GeneralError, u"failed"_s);

@@ -399,6 +399,33 @@ private Q_SLOTS:
         }
     }
 
+    // Whenever they were connected; and who awaits a task finds its slot free.
+    void queueReactsBehindTheHandlersAndBeforeAwaiters()
+    {
+        for (const Qt::ConnectionType type : connectionTypes) {
+            Bench bench(1, type);
+            const auto [a, b] = bench.tasks(u"a"_s, u"b"_s);
+            Task *const first = a;
+            Task *const second = b;
+            bench.queue->append({first, second});
+            connect(first, &Task::finished, this, [&] { QVERIFY(second->isIdle()); });
+            bool isNextRunning = false;
+            const auto await = [&]() -> QCoro::Task<> {
+                co_await first;
+                isNextRunning = second->isRunning();
+            };
+            const auto awaiting = await();
+            first->finish();
+            drainEvents();
+            QVERIFY(awaiting.isReady() && isNextRunning);
+            // Nothing is cut by this.
+            second->blockSignals(true);
+            second->finish();
+            drainEvents();
+            QVERIFY(bench.isDrained());
+        }
+    }
+
     void lateNotificationTouchesNothing_data()
     {
         using enum BaseTask::State;

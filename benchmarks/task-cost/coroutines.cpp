@@ -168,12 +168,12 @@ void coAwaitSkeleton(benchmark::State &state)
 }
 
 template <Coroutine coroutine, Resume resume>
-Workload resumed(const char *name)
+Workload resumed(const char *name, double ratioGoal = 1.25)
 {
     return {.name = name,
             .ours = runCoroutine<coroutine, resume>,
             .baseline = runCoroutineSkeleton<coroutine, resume>,
-            .ratioGoal = 1.25};
+            .ratioGoal = ratioGoal};
 }
 
 } // namespace
@@ -181,7 +181,7 @@ Workload resumed(const char *name)
 std::vector<Workload> coroutineWorkloads()
 {
     return {
-        resumed<completeAtOnce, callNothing>("coroutine, completes at once"),
+        resumed<completeAtOnce, callNothing>("coroutine, completes at once", 1.5),
         resumed<awaitQueuedCall, handlePosted>("coroutine, queued call"),
         resumed<awaitSignal, emitSignal>("coroutine, signal"),
         {.name = "co_await on a task", .ours = coAwait, .baseline = coAwaitSkeleton, .ratioGoal = 1.5},

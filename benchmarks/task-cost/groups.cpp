@@ -6,6 +6,8 @@
 
 #include <QCoreApplication>
 
+#include <malloc.h>
+
 using namespace zel;
 
 namespace {
@@ -91,14 +93,41 @@ void runGroupSkeleton(benchmark::State &state)
     }
 }
 
+/// Bytes for each child, its own and the group's.
+template <typename Group, typename Child, typename... Arguments>
+void measureHeapInGroup(benchmark::State &state, const Arguments &...arguments)
+{
+    for (auto _ : state) {
+        std::vector<std::unique_ptr<Child>> children;
+        children.reserve(size_t(sizeOf(state)));
+        Group group;
+        const size_t before = mallinfo2().uordblks;
+        for (int64_t i = 0; i < sizeOf(state); ++i) {
+            children.push_back(std::make_unique<Child>(arguments...));
+            group.append(children.back().get());
+        }
+        state.counters["bytes"] = double(mallinfo2().uordblks - before) / double(sizeOf(state));
+    }
+}
+
+void childHeap(benchmark::State &state)
+{
+    measureHeapInGroup<GroupTask, Task>(state, noWork);
+}
+
+void childHeapSkeleton(benchmark::State &state)
+{
+    measureHeapInGroup<SkeletonGroup, Skeleton>(state);
+}
+
 template <Policy policy>
-Workload cleanup(const char *name)
+Workload cleanup(const char *name, double ratioGoal)
 {
     return {.name = name,
             .ours = runGroup<policy>,
             .baseline = runGroupSkeleton<policy>,
             .size = 1'000,
-            .ratioGoal = 1.2,
+            .ratioGoal = ratioGoal,
             .largeSize = 1'000'000,
             .growthGoal = 1.5};
 }
@@ -109,9 +138,15 @@ std::vector<Workload> groupWorkloads()
 {
     constexpr auto whenFinished = GroupTask::DeleteWhenFinished;
     return {
-        cleanup<GroupTask::DeleteWithGroup>("group, DeleteWithGroup"),
-        cleanup<whenFinished>("group, DeleteWhenFinished"),
-        cleanup<GroupTask::SelfDelete>("group, SelfDelete"),
+        {.name = "heap, child of a group",
+         .ours = childHeap,
+         .baseline = childHeapSkeleton,
+         .size = 100'000,
+         .costGoal = 1'950,
+         .quantity = Workload::Bytes},
+        cleanup<GroupTask::DeleteWithGroup>("group, DeleteWithGroup", 1.4),
+        cleanup<whenFinished>("group, DeleteWhenFinished", 1.2),
+        cleanup<GroupTask::SelfDelete>("group, SelfDelete", 1.4),
         {.name = "group, with progress",
          .ours = runGroup<whenFinished, true>,
          .baseline = runGroupSkeleton<whenFinished, true>,

@@ -8,6 +8,7 @@
 #include "TasksQueueShare.h"
 
 #include <zel/common/ProgressBarOutputInterface.h>
+#include <zel/tasks/ComplexTask.h>
 #include <zel/tasks/TasksQueue.h>
 
 #include <QCoreApplication>
@@ -59,6 +60,22 @@ Q_CONSTRUCTOR_FUNCTION(registerMetaTypes)
 BaseTask::Private::Private(BaseTask *task) : QObject(task), q(task), life(std::make_shared<TaskLife>(task)) { }
 
 BaseTask::Private::~Private() = default;
+
+Task *BaseTask::Private::executableOf(BaseTask *task)
+{
+    const bool isExecutable = task && (task->d->kind == Executable || task->d->kind == Complex);
+    return isExecutable ? static_cast<Task *>(task) : nullptr;
+}
+
+ComplexTask *BaseTask::Private::complexOf(BaseTask *task)
+{
+    return task && task->d->kind == Complex ? static_cast<ComplexTask *>(task) : nullptr;
+}
+
+GroupTask *BaseTask::Private::groupOf(BaseTask *task)
+{
+    return task && task->d->kind == Group ? static_cast<GroupTask *>(task) : nullptr;
+}
 
 bool BaseTask::Private::refusesSource(const BaseTask *source) const
 {
@@ -273,9 +290,9 @@ void BaseTask::Private::announceRunning(const std::shared_ptr<TaskLife> &shared,
 {
     BaseTask *const task = q;
     announceState(shared, change, Running);
-    if (!shared->isIn(change.run))
+    if (!shared->isIn(change.run) || shared->state() != Running)
         return;
-    const State left = shared->previousState();
+    const State left = change.left;
     if (left == Idle || left == Finished) {
         Q_EMIT task->started();
         reportStart(shared);

@@ -16,12 +16,23 @@
 
 namespace zel {
 
+class ComplexTask;
+class GroupTask;
+class Task;
 class TasksQueueShare;
 
 /// A child of the task, so that it moves to other threads with it; deleted by the task's destructor.
 class Q_DECL_HIDDEN BaseTask::Private : public QObject {
     Q_OBJECT
 public:
+    /// Known without a virtual call, which the destructor of a subclass might cross on another thread.
+    enum Kind : quint8 {
+        Plain,
+        Executable,
+        Complex, ///< and executable
+        Group,
+    };
+
     struct Figures {
         int value = 0;
         int total = 0;
@@ -32,6 +43,10 @@ public:
 
     static Private *of(const BaseTask *task) { return task->d.get(); }
     static quint64 runOf(const BaseTask *task) { return task->d->life->run(); }
+    /// These are null for null, and for other tasks.
+    static Task *executableOf(BaseTask *task);
+    static ComplexTask *complexOf(BaseTask *task);
+    static GroupTask *groupOf(BaseTask *task);
 
     bool refusesSource(const BaseTask *source) const;
     Error wait(Qt::ConnectionType wakeUp, int msec);
@@ -54,6 +69,7 @@ public:
     std::shared_ptr<TasksQueueShare> queueShare() const;
 
     BaseTask *const q;
+    Kind kind = Plain;
     const std::shared_ptr<TaskLife> life;
     // Guarded by the mutex of the life.
     std::shared_ptr<TasksQueueShare> queue;

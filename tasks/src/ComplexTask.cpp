@@ -171,7 +171,7 @@ void ComplexTask::Private::startThroughQueue(const QList<Admitted> &subtasks,
     for (const Admitted &subtask : subtasks) {
         if (!subtask.isToBeStarted())
             continue;
-        if (qobject_cast<ComplexTask *>(subtask.task)) {
+        if (BaseTask::Private::complexOf(subtask.task)) {
             complexTasks.append(subtask);
         } else {
             others.append(subtask);
@@ -203,7 +203,7 @@ ComplexTask::ComplexTask(const QString &name, QObject *parent) : Task(parent), d
     d->setupGroupTask(new GroupTask(this));
     ComplexTask::setName(name);
     setCountAsRunning(false);
-    Task::d->isComplex = true;
+    BaseTask::Private::of(this)->kind = BaseTask::Private::Complex;
 }
 
 ComplexTask::ComplexTask(QObject *parent) : ComplexTask(QString(), parent) { }

@@ -258,16 +258,16 @@ void GroupTask::Private::awaitAgain(const Child &child)
 
 std::shared_ptr<TaskLife> GroupTask::Private::groupOf(BaseTask *task)
 {
-    if (const auto complexTask = qobject_cast<ComplexTask *>(task))
+    if (const ComplexTask *complexTask = BaseTask::Private::complexOf(task))
         return ComplexTask::Private::of(complexTask)->groupLife();
-    return qobject_cast<GroupTask *>(task) ? TaskLife::of(task) : nullptr;
+    return BaseTask::Private::groupOf(task) ? TaskLife::of(task) : nullptr;
 }
 
 std::shared_ptr<GroupNode> GroupTask::Private::nodeOf(BaseTask *task)
 {
-    if (const auto complexTask = qobject_cast<ComplexTask *>(task))
+    if (const ComplexTask *complexTask = BaseTask::Private::complexOf(task))
         return ComplexTask::Private::of(complexTask)->node;
-    const auto group = qobject_cast<GroupTask *>(task);
+    const GroupTask *group = BaseTask::Private::groupOf(task);
     return group ? of(group)->node : nullptr;
 }
 
@@ -441,7 +441,7 @@ void GroupTask::Private::stop(const QList<Child> &unfinished, CancelSubtasksMode
     // Their queues hear of no end.
     for (const Child &child : dropped) {
         const TaskVisit visit(child->life);
-        const auto task = qobject_cast<Task *>(visit.task());
+        Task *const task = BaseTask::Private::executableOf(visit.task());
         if (task && task->isFinished())
             TasksQueueHold::removeFromQueue(task);
     }
@@ -468,7 +468,7 @@ void GroupTask::Private::addQueues(const auto &stopped, TasksQueueHold &hold)
 {
     for (const Child &child : stopped) {
         const TaskVisit visit(child->life);
-        if (const auto task = qobject_cast<Task *>(visit.task()))
+        if (Task *const task = BaseTask::Private::executableOf(visit.task()))
             hold.add(task);
         if (const auto groupLife = groupOf(visit.task())) {
             const TaskVisit groupVisit(groupLife);
@@ -517,6 +517,7 @@ void GroupTask::Private::dropStopped(const QList<Child> &stopped)
 
 GroupTask::GroupTask(QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this))
 {
+    BaseTask::Private::of(this)->kind = BaseTask::Private::Group;
     connect(
         this, &BaseTask::stateChanged, this,
         [this](State state) {
@@ -600,9 +601,9 @@ QList<BaseTask *> GroupTask::subtasks(GetSubtasksModes mode) const
     for (const Private::Child &child : std::as_const(d->children)) {
         const TaskVisit visit(child->life);
         BaseTask *task = visit.task();
-        if (!mode.testFlag(Executable) || qobject_cast<Task *>(task))
+        if (!mode.testFlag(Executable) || BaseTask::Private::executableOf(task))
             tasks.append(task);
-        if (const auto group = qobject_cast<GroupTask *>(task); group && mode.testFlag(Recursive))
+        if (const GroupTask *group = BaseTask::Private::groupOf(task); group && mode.testFlag(Recursive))
             tasks.append(group->subtasks(mode));
     }
     return tasks;

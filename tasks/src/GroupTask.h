@@ -119,7 +119,8 @@ public:
     ///@}
     /// For ends of children that are handled afterwards. Default: FailFast.
     void setChildFailurePolicy(ChildFailurePolicy policy);
-    /// How the group is connected to started(), finished() and progress() of children that are appended now.
+    /// Where the group reacts to children that are appended now, which tell it behind the handlers of started(),
+    /// finished() and progress().
     Qt::ConnectionType connectionType() const;
     /// For children that are appended afterwards. Default: Qt::QueuedConnection.
     void setConnectionType(Qt::ConnectionType type);
@@ -132,7 +133,7 @@ public Q_SLOTS:
     void cancel() override;
 
 Q_SIGNALS:
-    /// A task was listed. Emitted inside append(), before the group connects to the task.
+    /// A task was listed. Emitted inside append(), before the task tells the group anything.
     void taskAppended(BaseTask *task);
 
 protected:

@@ -148,14 +148,14 @@ bool Task::Private::leaveQueue()
 
 std::shared_ptr<TasksQueueShare> Task::Private::leaveRun(BaseTask *task, bool isReset)
 {
-    const auto executable = qobject_cast<Task *>(task);
+    Task *const executable = BaseTask::Private::executableOf(task);
     const auto share = executable ? executable->d->queueShare() : nullptr;
     return share && TasksQueue::Private::onTaskIdle(share, executable, isReset) ? share : nullptr;
 }
 
 void Task::Private::reportEnd(BaseTask *task, quint64 run)
 {
-    const auto executable = qobject_cast<Task *>(task);
+    Task *const executable = BaseTask::Private::executableOf(task);
     const auto share = executable ? executable->d->queueShare() : nullptr;
     if (share && TaskLife::of(task)->endedRun() == run)
         TasksQueue::Private::onTaskAnnounced(share, executable);
@@ -390,7 +390,10 @@ void Task::Private::letGoOf(QThread *thread) const
 
 Task::Task(QObject *parent) : Task(Synchronous, parent) { }
 
-Task::Task(ExecutionMode mode, QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this, mode)) { }
+Task::Task(ExecutionMode mode, QObject *parent) : BaseTask(parent), d(std::make_unique<Private>(this, mode))
+{
+    BaseTask::Private::of(this)->kind = BaseTask::Private::Executable;
+}
 
 Task::Task(std::function<Error()> function, ExecutionMode mode, QObject *parent) : Task(mode, parent)
 {
@@ -548,8 +551,8 @@ void Task::exec()
     const TasksQueueAbsence absence(start ? start->share() : nullptr);
     const quint64 run = change->run;
     TaskStart::setReturning(below, life.get(), false);
-    if (d->isComplex) {
-        ComplexTask::Private::of(static_cast<ComplexTask *>(this))->beginRun(change->left);
+    if (ComplexTask *complexTask = BaseTask::Private::complexOf(this)) {
+        ComplexTask::Private::of(complexTask)->beginRun(change->left);
         if (!life->isIn(run))
             return;
     }

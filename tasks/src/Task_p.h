@@ -99,8 +99,6 @@ public:
     std::atomic<bool> triggersNext{true};
     std::atomic<int> priority{1};
     std::atomic<bool> countAsRunning{true};
-    /// A ComplexTask, whose group begins with it.
-    bool isComplex = false;
     std::atomic<Threading *> threading = nullptr;
     /// Guards what follows, and what is said of the thread.
     mutable QMutex mutex;

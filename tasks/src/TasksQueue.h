@@ -94,7 +94,8 @@ public:
     /// Dispatches nothing by itself: call tryExec() after raising the limit.
     void setMaxRunningTasksCount(int count);
 
-    /// How the queue is connected to finished() and priorityChanged() of its tasks. Default: Qt::QueuedConnection.
+    /// Where the queue reacts to ends and changed priorities of its tasks, which tell it behind the handlers of
+    /// finished() and priorityChanged(). Default: Qt::QueuedConnection.
     Qt::ConnectionType connectionType() const;
     /// For tasks that enter afterwards. With Qt::DirectConnection the queue reacts in the thread that ends a task.
     void setConnectionType(Qt::ConnectionType type);
@@ -184,7 +185,7 @@ protected:
     void setState(State state);
     /**
      * Has the queue react to the end of \a task and to changes of its priority, by the connection type, and to its
-     * destruction, at once. Replaces earlier connections; a task that another queue holds gets no new ones. Takes the
+     * destruction, at once. Replaces what was said before; nothing happens to a task that another queue holds. Takes the
      * lock.
      */
     void connectTask(Task *task);
