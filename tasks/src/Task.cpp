@@ -115,6 +115,7 @@ bool Task::Private::claimForQueue(std::shared_ptr<TasksQueueShare> share, TasksQ
         return false;
     holder = std::move(share);
     holderEntry = entry;
+    wasHeld = true;
     knownHolder.store(holder.get(), std::memory_order_release);
     return true;
 }
@@ -140,7 +141,14 @@ void Task::Private::restoreQueue()
 
 bool Task::Private::leaveQueue()
 {
-    const auto share = queueShare();
+    if (!wasHeld)
+        return false;
+    std::shared_ptr<TasksQueueShare> share;
+    {
+        // Also behind a queue on another thread that is letting go of the task.
+        const QMutexLocker locker(&mutex);
+        share = holder;
+    }
     if (share)
         TasksQueue::Private::onTaskDestroyed(share, q);
     return bool(share);

@@ -107,6 +107,7 @@ public:
     /// The queue that holds this task, pending or running, and what it knows of it.
     std::shared_ptr<TasksQueueShare> holder;
     TasksQueueEntry *holderEntry = nullptr;
+    std::atomic<bool> wasHeld = false;
     /// The same queue for who has its lock: only then the two above stay as they are.
     std::atomic<const TasksQueueShare *> knownHolder = nullptr;
 };
