@@ -415,7 +415,7 @@ qint64 cancelTime(bool isNested)
     Bench bench({.stop = GroupTask::CancelSubtasks});
     GroupTask *group = bench.group;
 #ifdef __SANITIZE_THREAD__
-    constexpr int levels = 50; // it keeps account of fewer locks
+    constexpr int levels = 20; // it keeps account of fewer locks
 #else
     constexpr int levels = 1'000;
 #endif
